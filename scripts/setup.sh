@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages Tolvane needs to build, run and test, when any is missing.
+# Quiet when everything is present; works as root or through sudo.
+set -euo pipefail
+
+build_pkgs=(
+  build-essential cmake pkg-config
+  qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev qt6-qpa-plugins qcoro-qt6-dev libgl-dev
+  libx11-dev libxi-dev libxtst-dev
+  libsoxr-dev libsndfile1-dev
+  libpocketsphinx-dev pocketsphinx-en-us
+  fonts-dejavu-core
+)
+test_pkgs=(
+  xvfb xdotool x11-xkb-utils x11-utils
+  pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts
+)
+
+want=("${build_pkgs[@]}")
+if [ "${1:-}" = "--test" ]; then want+=("${test_pkgs[@]}"); fi
+
+missing=()
+for p in "${want[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "setup: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  as_root=(sudo)
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

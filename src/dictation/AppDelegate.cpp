@@ -1,0 +1,351 @@
+#include "dictation/AppDelegate.h"
+
+#include "dictation/LiveTyping.h"
+#include "storage/Diagnostics.h"
+#include "storage/Preferences.h"
+
+#include <QTimer>
+
+#include <algorithm>
+#include <exception>
+
+namespace {
+
+QString describe(const std::exception& error)
+{
+    if (const auto* e = dynamic_cast<const CollaboratorError*>(&error))
+        return e->localizedDescription();
+    return QString::fromUtf8(error.what());
+}
+
+QString boolText(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
+
+}  // namespace
+
+QString AppDelegate::modeName(Mode mode)
+{
+    switch (mode) {
+    case Mode::idle: return QStringLiteral("idle");
+    case Mode::hold: return QStringLiteral("hold");
+    case Mode::toggle: return QStringLiteral("toggle");
+    case Mode::finishing: return QStringLiteral("finishing");
+    }
+    return {};
+}
+
+AppDelegate::AppDelegate(QObject* parent) : QObject(parent) {}
+
+AppDelegate::~AppDelegate() = default;
+
+void AppDelegate::setMode(Mode next)
+{
+    if (mode == next)
+        return;
+    mode = next;
+    Q_EMIT modeChanged(next);
+}
+
+template <typename Handler>
+void AppDelegate::spawn(Handler handler)
+{
+    // A later turn of the event loop, like a new task; skipped once this object is gone.
+    QTimer::singleShot(0, this, [this, handler] { (this->*handler)(); });
+}
+
+void AppDelegate::wireCallbacks()
+{
+    const QPointer<AppDelegate> self(this);
+    auto weakly = [self](void (AppDelegate::*event)()) {
+        return [self, event] {
+            if (self)
+                (self.data()->*event)();
+        };
+    };
+    if (hotkey) {
+        hotkey->onOptionDown = weakly(&AppDelegate::onOptionDown);
+        hotkey->onOptionUp = weakly(&AppDelegate::onOptionUp);
+        hotkey->onToggleChord = weakly(&AppDelegate::onToggleChord);
+        hotkey->onAnyKey = weakly(&AppDelegate::onAnyKey);
+        hotkey->onEscape = weakly(&AppDelegate::onEscape);
+    }
+    if (overlay) {
+        overlay->onAccept = weakly(&AppDelegate::onOverlayAccept);
+        overlay->onCancel = weakly(&AppDelegate::onOverlayCancel);
+    }
+    if (audio) {
+        // The buffer route stays on the audio thread and touches only the transcriber's input.
+        AbstractTranscriber* const t = transcriber;
+        audio->onBuffer = [t](AudioBuffer buffer) {
+            if (!t)
+                return;
+            if (const auto input = t->inputContinuation())
+                input->yield(std::move(buffer));
+        };
+        audio->onAmplitude = [self](float level) {
+            QMetaObject::invokeMethod(
+                self.data(), [self, level] {
+                    if (self)
+                        self->onAmplitude(level);
+                },
+                Qt::QueuedConnection);
+        };
+    }
+    if (transcriber) {
+        transcriber->onPartial = [self](QString committed, QString volatileText) {
+            QMetaObject::invokeMethod(
+                self.data(), [self, committed, volatileText] {
+                    if (self)
+                        self->handlePartial(committed, volatileText);
+                },
+                Qt::QueuedConnection);
+        };
+    }
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+
+void AppDelegate::onOptionDown()
+{
+    Diagnostics::log(QStringLiteral("hotkey: OPTION DOWN"));
+    spawn(&AppDelegate::handleOptionDown);
+}
+
+void AppDelegate::onOptionUp()
+{
+    Diagnostics::log(QStringLiteral("hotkey: OPTION UP"));
+    spawn(&AppDelegate::handleOptionUp);
+}
+
+void AppDelegate::onToggleChord()
+{
+    Diagnostics::log(QStringLiteral("hotkey: ⌥+SPACE chord"));
+    spawn(&AppDelegate::handleToggleChord);
+}
+
+void AppDelegate::onAnyKey()
+{
+    if (mode != Mode::toggle || Preferences::shared().liveTyping())
+        return;
+    Diagnostics::log(QStringLiteral("hotkey: key during toggle → end + paste"));
+    spawn(&AppDelegate::endAndPaste);
+}
+
+void AppDelegate::onEscape()
+{
+    if (mode == Mode::idle)
+        return;
+    Diagnostics::log(QStringLiteral("hotkey: ESC (discard)"));
+    spawn(&AppDelegate::cancelDictation);
+}
+
+void AppDelegate::onOverlayAccept()
+{
+    Diagnostics::log(QStringLiteral("overlay: INSERT (✓) button clicked"));
+    spawn(&AppDelegate::endAndPaste);
+}
+
+void AppDelegate::onOverlayCancel()
+{
+    Diagnostics::log(QStringLiteral("overlay: DISCARD button clicked"));
+    spawn(&AppDelegate::cancelDictation);
+}
+
+void AppDelegate::onAmplitude(float level)
+{
+    const double clamped = std::clamp(static_cast<double>(level), 0.0, 1.0);
+    if (overlay)
+        overlay->setAmplitude(clamped);
+    if (menuBar)
+        menuBar->setAmplitude(clamped);
+}
+
+// ---- Handlers -----------------------------------------------------------------------------------
+
+QCoro::Task<> AppDelegate::handleOptionDown()
+{
+    if (settingsWindow && settingsWindow->isKeyWindow())
+        co_return;
+    if (mode != Mode::idle)
+        co_return;
+    setMode(Mode::hold);
+    overlay->setMode(false);
+    co_await startDictation();
+}
+
+QCoro::Task<> AppDelegate::handleOptionUp()
+{
+    switch (mode) {
+    case Mode::idle:
+    case Mode::finishing:
+        co_return;
+    case Mode::hold:
+        co_await finishDictation(true, false);
+        co_return;
+    case Mode::toggle:
+        if (ignoreNextOptionUp) {
+            ignoreNextOptionUp = false;
+            co_return;
+        }
+        Diagnostics::log(QStringLiteral("state: TOGGLE → END (⌥ tap)"));
+        co_await endAndPaste();
+        co_return;
+    }
+}
+
+QCoro::Task<> AppDelegate::handleToggleChord()
+{
+    if (settingsWindow && settingsWindow->isKeyWindow())
+        co_return;
+    switch (mode) {
+    case Mode::idle:
+        setMode(Mode::toggle);
+        overlay->setMode(true);
+        co_await startDictation();
+        co_return;
+    case Mode::hold:
+        Diagnostics::log(QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)"));
+        setMode(Mode::toggle);
+        ignoreNextOptionUp = true;
+        overlay->setMode(true);
+        co_return;
+    case Mode::toggle:
+        Diagnostics::log(QStringLiteral("state: TOGGLE → END (chord)"));
+        co_await finishDictation(true, true);
+        co_return;
+    case Mode::finishing:
+        co_return;
+    }
+}
+
+QCoro::Task<> AppDelegate::startDictation()
+{
+    const quint64 id = ++dictationId_;
+    Diagnostics::log(QStringLiteral("dictation: starting (mode=") + modeName(mode) + QLatin1Char(')'));
+    screenText.clear();
+    overlay->show();
+
+    QString failure;
+    bool transcriberStarted = false;
+    try {
+        co_await transcriber->start();
+        transcriberStarted = true;
+    } catch (const std::exception& e) {
+        failure = describe(e);
+    }
+
+    if (transcriberStarted && endedId_ >= id) {
+        // The dictation was finished or discarded while the transcriber was starting: never turn
+        // the microphone on for it, and close the session it opened unless a newer one owns it.
+        Diagnostics::log(QStringLiteral("dictation: start abandoned (ended while starting)"));
+        if (dictationId_ == id)
+            co_await transcriber->cancel();
+        co_return;
+    }
+
+    if (failure.isEmpty()) {
+        try {
+            audio->start();
+            Diagnostics::log(QStringLiteral("dictation: audio + transcriber running"));
+            co_return;
+        } catch (const std::exception& e) {
+            failure = describe(e);
+        }
+    }
+
+    Diagnostics::log(QStringLiteral("dictation: start FAILED: ") + failure);
+    endedId_ = id;
+    audio->stop();
+    overlay->resetToIdle();
+    menuBar->stopAnimating();
+    setMode(Mode::idle);
+    overlay->setMode(false);
+    ignoreNextOptionUp = false;
+    // A transcription opened before the microphone failed would otherwise stay open.
+    if (transcriberStarted)
+        co_await transcriber->cancel();
+}
+
+QCoro::Task<> AppDelegate::cancelDictation()
+{
+    if (mode != Mode::hold && mode != Mode::toggle)
+        co_return;
+    Diagnostics::log(QStringLiteral("dictation: DISCARD"));
+    endedId_ = dictationId_;
+    setMode(Mode::idle);
+    ignoreNextOptionUp = false;
+    overlay->setMode(false);
+    audio->stop();
+    overlay->resetToIdle();
+    menuBar->stopAnimating();
+    co_await transcriber->cancel();
+}
+
+QCoro::Task<> AppDelegate::endAndPaste()
+{
+    if (mode != Mode::hold && mode != Mode::toggle)
+        co_return;
+    Diagnostics::log(QStringLiteral("dictation: END + PASTE (from ") + modeName(mode) + QLatin1Char(')'));
+    co_await finishDictation(true, true);
+}
+
+void AppDelegate::closeDictation()
+{
+    overlay->resetToIdle();
+    menuBar->stopAnimating();
+    setMode(Mode::idle);
+    // A flag left by a hold promoted to hands-free must not swallow a later dictation's key-up.
+    ignoreNextOptionUp = false;
+}
+
+QCoro::Task<> AppDelegate::finishDictation(bool paste, bool fromToggle)
+{
+    Diagnostics::log(QStringLiteral("dictation: finishing (paste=") + boolText(paste) + QStringLiteral(", fromToggle=")
+                     + boolText(fromToggle) + QLatin1Char(')'));
+    setMode(Mode::finishing);
+    endedId_ = dictationId_;
+    audio->stop();
+    overlay->beginProcessing();
+
+    QString text;
+    try {
+        text = co_await transcriber->finish();
+    } catch (const std::exception& e) {
+        Diagnostics::log(QStringLiteral("dictation: transcription error: ") + describe(e));
+        closeDictation();
+        co_return;
+    }
+    const QString transcript = text.trimmed();
+    Diagnostics::log(QStringLiteral("dictation: final text length=") + QString::number(transcript.size()));
+    closeDictation();
+}
+
+// ---- Live typing --------------------------------------------------------------------------------
+
+void AppDelegate::handlePartial(const QString& committed, const QString& volatileText)
+{
+    if (!Preferences::shared().liveTyping() || mode == Mode::idle)
+        return;
+    QString target = committed;
+    if (!committed.isEmpty() && !volatileText.isEmpty())
+        target += QLatin1Char(' ');
+    target += volatileText;
+    liveTypeAppend(target);
+}
+
+void AppDelegate::liveTypeAppend(const QString& target)
+{
+    const QString delta = LiveTyping::appendDelta(screenText, target);
+    if (delta.isEmpty())
+        return;
+    injector->insertText(delta);
+    screenText += delta;
+}
+
+void AppDelegate::reconcileLiveTyping(const QString& finalText)
+{
+    const LiveTyping::Reconciliation r = LiveTyping::reconcile(screenText, finalText);
+    injector->deleteBackward(r.deleteCount);
+    if (!r.insert.isEmpty())
+        injector->insertText(r.insert);
+    screenText.clear();
+}

@@ -1,0 +1,140 @@
+#include "storage/Diagnostics.h"
+
+#include "storage/DataLocation.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QSaveFile>
+
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+// One writer thread appends lines in the order they were handed over. It is started on the first
+// line and drained when the process exits, so nothing logged before exit is lost.
+class Writer {
+public:
+    Writer() : path_(tolvaneDataDirectory() + QStringLiteral("/diagnostic.log")), thread_([this] { run(); }) {}
+
+    ~Writer()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+
+    void enqueue(QByteArray line)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            pending_.push_back(std::move(line));
+            ++queued_;
+        }
+        wake_.notify_all();
+    }
+
+    void flush()
+    {
+        std::unique_lock lock(mutex_);
+        const quint64 target = queued_;
+        drained_.wait(lock, [&] { return written_ >= target; });
+    }
+
+    const QString& path() const { return path_; }
+
+private:
+    void run()
+    {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
+            if (pending_.empty() && stopping_)
+                return;
+            std::deque<QByteArray> batch;
+            batch.swap(pending_);
+            lock.unlock();
+            for (const QByteArray& line : batch)
+                write(line);
+            lock.lock();
+            written_ += batch.size();
+            drained_.notify_all();
+        }
+    }
+
+    void write(const QByteArray& line)
+    {
+        if (line.isEmpty())
+            return;
+        // Opened and closed per line so the file can be moved or deleted while Tolvane runs.
+        QFile file(path_);
+        if (file.exists() && file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+            file.write(line);
+            file.close();
+            return;
+        }
+        QSaveFile first(path_);
+        if (first.open(QIODevice::WriteOnly)) {
+            first.write(line);
+            first.commit();
+        }
+    }
+
+    const QString path_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable drained_;
+    std::deque<QByteArray> pending_;
+    quint64 queued_ = 0;
+    quint64 written_ = 0;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+Writer& writer()
+{
+    static Writer instance;
+    return instance;
+}
+
+}  // namespace
+
+namespace Diagnostics {
+
+QString sourceName(const char* file)
+{
+    QString name = QString::fromUtf8(file ? file : "");
+    const qsizetype slash = name.lastIndexOf(QLatin1Char('/'));
+    if (slash >= 0)
+        name = name.mid(slash + 1);
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    if (dot > 0)
+        name.truncate(dot);
+    return name;
+}
+
+void log(const QString& message, const char* file, int line)
+{
+    try {
+        const QString stamp = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
+        QString text = stamp + QStringLiteral(" [") + sourceName(file) + QLatin1Char(':') + QString::number(line)
+                       + QStringLiteral("] ") + message + QLatin1Char('\n');
+        writer().enqueue(text.toUtf8());
+        const QByteArray mirror = QStringLiteral("Tolvane: %1\n").arg(message).toUtf8();
+        std::fwrite(mirror.constData(), 1, static_cast<size_t>(mirror.size()), stderr);
+    } catch (...) {
+        // Logging must never take the caller down.
+    }
+}
+
+QString logFilePath() { return writer().path(); }
+
+void flush() { writer().flush(); }
+
+}  // namespace Diagnostics

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QString>
+
+#include <source_location>
+
+// The one logging call. Each line goes to <data>/Tolvane/diagnostic.log as
+//   2026-03-14T09:26:53.589Z [Preferences:118] prefs: startAtLogin = true
+// and the bare message is mirrored to standard error. Callable from any thread; the caller never
+// waits for the disk and nothing here throws.
+namespace Diagnostics {
+
+void log(const QString& message, const char* file = std::source_location::current().file_name(),
+         int line = static_cast<int>(std::source_location::current().line()));
+
+// The "Name:57" field for a source path: last path component without its extension.
+QString sourceName(const char* file);
+
+// Where the log lives (creates the folder the first time it is asked).
+QString logFilePath();
+
+// Blocks until every line handed over so far is on disk. For tests and orderly shutdown.
+void flush();
+
+}  // namespace Diagnostics

@@ -1,0 +1,102 @@
+#pragma once
+
+#include "keyboard/ActivationKey.h"
+#include "text/CleanupMode.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QSettings>
+#include <QStringList>
+
+#include <optional>
+
+// A setting declared once: its key in the store and the value read when the key is absent or holds
+// something of the wrong type.
+template <typename T>
+struct Setting {
+    const char* key;
+    T fallback;
+};
+
+namespace Settings {
+inline const Setting<QString> locale{"locale", QStringLiteral("en-US")};
+inline const Setting<bool> historyEnabled{"historyEnabled", true};
+inline const Setting<int> historyRetention{"historyRetention", 10};
+inline const Setting<bool> showDockIcon{"showDockIcon", true};
+inline const Setting<bool> autoReturn{"autoReturn", false};
+inline const Setting<bool> liveTyping{"liveTyping", false};
+// The local language-model server used for cleanup. An empty endpoint tries the well-known local
+// servers; an empty model takes the first one the server lists. Non-loopback endpoints are refused
+// unless the user allows them, so nothing leaves the machine by default.
+inline const Setting<QString> llmEndpoint{"llmEndpoint", QString()};
+inline const Setting<QString> llmModel{"llmModel", QString()};
+inline const Setting<bool> llmAllowRemote{"llmAllowRemote", false};
+// Extra WM_CLASS names (comma separated) of windows that paste with Ctrl+Shift+V, as terminals do.
+inline const Setting<QString> terminalClasses{"terminalClasses", QString()};
+// Release feed read by "Check for Updates…".
+inline const Setting<QString> updateFeedUrl{"updateFeedUrl", QString()};
+// Installable speech models: a JSON array of {"locale", "url", "sha256"} objects.
+inline const Setting<QString> speechModelCatalog{"speechModelCatalog", QString()};
+inline constexpr int retentionMin = 1;
+inline constexpr int retentionMax = 100;
+}  // namespace Settings
+
+// Typed access to the user's settings (~/.config/Tolvane/Tolvane.conf). Nothing is cached: every
+// read goes to the store, every write is stored at once. Wrong-typed or unknown values read as the
+// default and are never written back.
+class Preferences final : public QObject {
+    Q_OBJECT
+public:
+    static Preferences& shared();
+
+    QString localeIdentifier() const;
+    void setLocaleIdentifier(const QString& identifier);
+    bool historyEnabled() const;
+    void setHistoryEnabled(bool on);
+    int historyRetention() const;
+    void setHistoryRetention(int count);
+    ActivationKey activationKey() const;
+    void setActivationKey(ActivationKey key);
+    CleanupMode cleanupMode() const;
+    void setCleanupMode(CleanupMode mode);
+    bool showDockIcon() const;
+    void setShowDockIcon(bool on);
+    bool autoReturn() const;
+    void setAutoReturn(bool on);
+    bool liveTyping() const;
+    void setLiveTyping(bool on);
+    // The XDG autostart entry, $XDG_CONFIG_HOME/autostart/tolvane.desktop.
+    bool startAtLogin() const;
+    void setStartAtLogin(bool on);
+    static QString autostartFilePath();
+
+    // Typed reads and writes through a declared setting.
+    bool value(const Setting<bool>& setting) const;
+    int value(const Setting<int>& setting) const;
+    QString value(const Setting<QString>& setting) const;
+    void setValue(const Setting<bool>& setting, bool v);
+    void setValue(const Setting<int>& setting, int v);
+    void setValue(const Setting<QString>& setting, const QString& v);
+
+    // Keys owned by other parts of the program (the pill's position, the snippets).
+    std::optional<double> doubleValue(const QString& key) const;
+    void setDouble(const QString& key, double v);
+    std::optional<QByteArray> dataValue(const QString& key) const;
+    void setData(const QString& key, const QByteArray& data);
+    void remove(const QString& key);
+
+    QString storePath() const;
+
+Q_SIGNALS:
+    // "Tolvane.activationKeyChanged": posted on every write of the activation key.
+    void activationKeyChanged();
+    // "Tolvane.localeChanged": posted when a write changes the locale.
+    void localeChanged();
+
+private:
+    Preferences();
+    QVariant stored(const char* key) const;
+    void store(const char* key, const QVariant& v);
+
+    mutable QSettings settings_;
+};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "text/CleanupMode.h"
+
+#include <QObject>
+#include <QString>
+
+#include <qcoro/qcorotask.h>
+
+// Rewrites a transcript in a cleanup mode through a local language-model server speaking the
+// OpenAI-compatible chat API. Never fails towards its caller: without a usable model the answer is
+// the input unchanged.
+class CleanupEngine : public QObject {
+    Q_OBJECT
+public:
+    explicit CleanupEngine(QObject* parent = nullptr);
+    ~CleanupEngine() override;
+
+    virtual QCoro::Task<QString> process(QString text, CleanupMode mode);
+
+    // Whether a model answers within the availability timeout; the model name found, if any.
+    struct Availability {
+        bool available = false;
+        QString endpoint;  // base URL ending in /v1
+        QString model;
+        QString reason;    // why not, readable
+    };
+    virtual QCoro::Task<Availability> checkAvailability();
+
+    static QString instructions(CleanupMode mode);
+    static QString prompt(const QString& text);
+    static QString cleanAnswer(const QString& answer);
+};

@@ -1,0 +1,40 @@
+#include "Fakes.h"
+
+#include <qcoro/qcorosignal.h>
+
+QCoro::Task<> Gate::pass()
+{
+    if (closed)
+        co_await qCoro(this, &Gate::opened);
+}
+
+QCoro::Task<void> FakeTranscriber::start()
+{
+    journal.add(QStringLiteral("transcriber.start"));
+    co_await startGate.pass();
+    if (!startFailure.isEmpty())
+        throw CollaboratorError(startFailure);
+    ++openSessions;
+    input = std::make_shared<FakeInput>();
+}
+
+QCoro::Task<QString> FakeTranscriber::finish()
+{
+    journal.add(QStringLiteral("transcriber.finish"));
+    input.reset();
+    co_await finishGate.pass();
+    if (openSessions > 0)
+        --openSessions;
+    if (!finishFailure.isEmpty())
+        throw CollaboratorError(finishFailure);
+    co_return finalText;
+}
+
+QCoro::Task<void> FakeTranscriber::cancel()
+{
+    journal.add(QStringLiteral("transcriber.cancel"));
+    input.reset();
+    co_await cancelGate.pass();
+    if (openSessions > 0)
+        --openSessions;
+}

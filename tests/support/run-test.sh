@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Runs one test binary in a world of its own: fresh settings and data folders and, when asked with
+# --xvfb, a private X server. Everything it starts is stopped when the test ends.
+set -u
+use_xvfb=0
+if [ "${1:-}" = "--xvfb" ]; then use_xvfb=1; shift; fi
+
+sandbox=$(mktemp -d "${TMPDIR:-/tmp}/tolvane-test.XXXXXX")
+export XDG_CONFIG_HOME="$sandbox/config" XDG_DATA_HOME="$sandbox/data" XDG_CACHE_HOME="$sandbox/cache"
+export XDG_RUNTIME_DIR="$sandbox/runtime" HOME="$sandbox/home"
+mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_RUNTIME_DIR" "$HOME"
+chmod 700 "$XDG_RUNTIME_DIR"
+export TOLVANE_TEST_SANDBOX="$sandbox"
+
+xvfb_pid=""
+cleanup() {
+  [ -n "$xvfb_pid" ] && kill "$xvfb_pid" 2>/dev/null && wait "$xvfb_pid" 2>/dev/null
+  rm -rf "$sandbox"
+}
+trap cleanup EXIT
+
+if [ "$use_xvfb" = 1 ]; then
+  command -v Xvfb >/dev/null || { echo "run-test: Xvfb is missing (package xvfb; scripts/setup.sh --test installs it)" >&2; exit 1; }
+  exec 3> "$sandbox/display"
+  Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset >"$sandbox/xvfb.log" 2>&1 &
+  xvfb_pid=$!
+  for _ in $(seq 1 100); do
+    [ -s "$sandbox/display" ] && break
+    sleep 0.05
+  done
+  exec 3>&-
+  num=$(tr -d '\n' < "$sandbox/display")
+  [ -n "$num" ] || { echo "run-test: Xvfb did not start" >&2; cat "$sandbox/xvfb.log" >&2; exit 1; }
+  export DISPLAY=":$num" QT_QPA_PLATFORM=xcb
+else
+  unset DISPLAY WAYLAND_DISPLAY
+  export QT_QPA_PLATFORM=offscreen
+fi
+
+"$@"
