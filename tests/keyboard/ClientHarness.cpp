@@ -95,6 +95,7 @@ std::optional<RecordingClient::Received> RecordingClient::dump()
     r.backspaces = o.value(QStringLiteral("backspaces")).toInt();
     r.spaces = o.value(QStringLiteral("spaces")).toInt();
     r.loneAltTaps = o.value(QStringLiteral("loneAltTaps")).toInt();
+    r.terminalPastes = o.value(QStringLiteral("terminalPastes")).toInt();
     return r;
 }
 

@@ -19,6 +19,7 @@ public:
         int backspaces = 0;
         int spaces = 0;
         int loneAltTaps = 0;
+        int terminalPastes = 0;
     };
 
     RecordingClient();

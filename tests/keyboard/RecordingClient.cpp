@@ -1,6 +1,7 @@
 // A plain X client with one text field that records what reaches it. Commands arrive on standard
 // input, one per line:
-//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps"} to PATH as JSON,
+//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps", "terminalPastes"}
+//               to PATH as JSON,
 //               then answer "dumped"
 //   clear       empty the field and the counters, answer "cleared"
 //   quit
@@ -30,6 +31,7 @@ struct Counters {
     int backspaces = 0;
     int spaces = 0;
     int loneAltTaps = 0;
+    int terminalPastes = 0;  // Ctrl+Shift+V
 };
 
 constexpr unsigned altLeftKeycode = 64;
@@ -79,6 +81,8 @@ protected:
             ++c_.backspaces;
         if (e->key() == Qt::Key_Space)
             ++c_.spaces;
+        if (e->key() == Qt::Key_V && e->modifiers() == (Qt::ControlModifier | Qt::ShiftModifier))
+            ++c_.terminalPastes;
         QPlainTextEdit::keyPressEvent(e);
     }
 
@@ -131,7 +135,8 @@ int main(int argc, char** argv)
                                     {QStringLiteral("keyPresses"), counters.keyPresses},
                                     {QStringLiteral("backspaces"), counters.backspaces},
                                     {QStringLiteral("spaces"), counters.spaces},
-                                    {QStringLiteral("loneAltTaps"), counters.loneAltTaps}};
+                                    {QStringLiteral("loneAltTaps"), counters.loneAltTaps},
+                                    {QStringLiteral("terminalPastes"), counters.terminalPastes}};
                 QFile f(line.mid(5));
                 if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
                     f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));

@@ -77,6 +77,8 @@ TextInjector::TextInjector(QObject* parent) : QObject(parent)
 
 TextInjector::~TextInjector() { restoreMapping(); }
 
+void TextInjector::setHotkeyManager(HotkeyManager* monitor) { monitor_ = monitor; }
+
 bool TextInjector::ensureConnection()
 {
     if (x_ && x_->broken) {
@@ -192,7 +194,8 @@ bool TextInjector::insertText(const QString& text)
     restoreTimer_->stop();
     bool posted = false;
     bool shiftDown = false;
-    for (const TypingBatch& batch : planTyping(keysyms, lookup, pool_)) {
+    const auto plan = planTyping(keysyms, lookup, pool_);
+    for (const TypingBatch& batch : plan) {
         if (batch.settle)
             settle();
         if (!batch.remap.empty()) {
@@ -222,6 +225,7 @@ bool TextInjector::insertText(const QString& text)
             posted = true;
             ++strokesSinceSettle_;
         }
+        lastStroke_ = std::chrono::steady_clock::now();
     }
     if (shiftDown)
         key(shiftKey, false);

@@ -34,7 +34,7 @@ public:
 
     // The running key monitor, told about every key posted here so it does not take them for the
     // user's (a typed Space while the activation key is held is no chord).
-    void setHotkeyManager(HotkeyManager* monitor) { monitor_ = monitor; }
+    void setHotkeyManager(HotkeyManager* monitor);
 
     bool insertText(const QString& text) override;
     void deleteBackward(int count) override;
