@@ -221,7 +221,8 @@ void HotkeyManager::grabSpace(bool grab)
             XUngrabKey(x_->dpy, space, m, x_->root);
     }
     x_->spaceGrabbed = grab;
-    XFlush(x_->dpy);
+    // In place before anyone hears of the key going down.
+    XSync(x_->dpy, False);
 }
 
 void HotkeyManager::neutralizeModifierTap()
@@ -233,7 +234,7 @@ void HotkeyManager::neutralizeModifierTap()
     synthetic_.expect(kc, false);
     XTestFakeKeyEvent(x_->dpy, kc, True, CurrentTime);
     XTestFakeKeyEvent(x_->dpy, kc, False, CurrentTime);
-    XFlush(x_->dpy);
+    XSync(x_->dpy, False);
 }
 
 void HotkeyManager::connectionLost()

@@ -1,5 +1,6 @@
 #include "keyboard/x11/TextInjector.h"
 
+#include "keyboard/KeyClassifier.h"
 #include "keyboard/TerminalClasses.h"
 #include "keyboard/TextKeysyms.h"
 #include "keyboard/x11/HotkeyManager.h"
@@ -172,11 +173,14 @@ bool TextInjector::insertText(const QString& text)
     const unsigned locks = state.locked_mods & (LockMask | x_->mods.numLockMask());
     const KeyCode shiftKey = XKeysymToKeycode(dpy, XK_Shift_L);
     std::unordered_map<unsigned long, KeyStroke> layout;
+    const bool spaceGrabbed = monitor_ && monitor_->isOptionDown();
     for (const bool shift : {false, true}) {
         if (shift && shiftKey == 0)
             break;
         for (unsigned kc = xkb->min_key_code; kc <= xkb->max_key_code; ++kc) {
-            if (x_->mods.isModifier(kc)
+            // While the monitor holds its grab of Space, a Space typed there would be swallowed:
+            // a spare keycode carries it instead.
+            if (x_->mods.isModifier(kc) || (spaceGrabbed && kc == KeyClassifier::spaceKeycode)
                 || std::any_of(spare.begin(), spare.end(), [kc](const auto& s) { return s.keycode == kc; }))
                 continue;
             unsigned int consumed = 0;

@@ -11,12 +11,18 @@ namespace X11Keyboard {
 
 namespace {
 int ignoreError(Display*, XErrorEvent*) { return 0; }
+// Returns, so each connection's own exit handler decides: Tolvane's connections recover, the
+// others keep Xlib's default of ending the process.
+int reportIoError(Display*) { return 0; }
 }  // namespace
 
 void installErrorHandler()
 {
     static std::once_flag once;
-    std::call_once(once, [] { XSetErrorHandler(ignoreError); });
+    std::call_once(once, [] {
+        XSetErrorHandler(ignoreError);
+        XSetIOErrorHandler(reportIoError);
+    });
 }
 
 void ModifierMap::refresh(Display* dpy)

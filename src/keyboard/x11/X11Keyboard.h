@@ -11,7 +11,8 @@
 namespace X11Keyboard {
 
 // Xlib's default handlers end the process on a protocol error (a grab another client holds gives an
-// asynchronous BadAccess); this one ignores such errors. Installed once, before the first request.
+// asynchronous BadAccess); this one ignores such errors. A broken connection is left to the exit
+// handler each connection sets. Installed once, before the first request.
 void installErrorHandler();
 
 // The modifier mapping: which keycodes are modifiers and which modifier bit each sets.
