@@ -2,6 +2,7 @@
 
 #include "support/TestSupport.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -101,15 +102,17 @@ std::optional<RecordingClient::Received> RecordingClient::dump()
 
 RecordingClient::Received RecordingClient::waitFor(const std::function<bool(const Received&)>& done, int timeoutMs)
 {
+    // A dump now and then, not back to back, so the client spends its time receiving keys.
     Received last;
-    TestSupport::waitUntil(
-        [&] {
-            if (const auto r = dump())
-                last = *r;
-            return done(last);
-        },
-        timeoutMs);
-    return last;
+    QElapsedTimer clock;
+    clock.start();
+    for (;;) {
+        if (const auto r = dump())
+            last = *r;
+        if (done(last) || clock.elapsed() > timeoutMs)
+            return last;
+        TestSupport::waitUntil([] { return false; }, pollIntervalMs);
+    }
 }
 
 Fingers::Fingers()

@@ -22,6 +22,8 @@ public:
         int terminalPastes = 0;
     };
 
+    static constexpr int pollIntervalMs = 10;
+
     RecordingClient();
     ~RecordingClient() override;
 
