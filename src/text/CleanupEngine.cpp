@@ -226,7 +226,7 @@ QCoro::Task<CleanupEngine::Availability> CleanupEngine::checkAvailability()
         none.reason = reasons.first();
     } else {
         none.reason = QStringLiteral("No language-model server found on this computer (%1). Start one, such as "
-                                     "Ollama or llama.cpp's server, or enter its address.")
+                                     "Ollama or llama.cpp's server, or set its address in Settings.")
                           .arg(reasons.join(QStringLiteral("; ")));
     }
     co_return none;
