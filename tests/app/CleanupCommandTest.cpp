@@ -55,7 +55,7 @@ private Q_SLOTS:
     {
         server_ = new FakeLlmServer(this);
         QVERIFY(server_->listen());
-        Preferences::shared().setValue(Settings::llmEndpoint, server_->endpoint());
+        server_->configureCleanup();
     }
 
     void cleanup() { delete server_; }

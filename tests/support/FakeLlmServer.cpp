@@ -1,5 +1,7 @@
 #include "support/FakeLlmServer.h"
 
+#include "storage/Preferences.h"
+
 #include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -35,6 +37,14 @@ FakeLlmServer::FakeLlmServer(QObject* parent) : QObject(parent), server_(new QTc
 FakeLlmServer::~FakeLlmServer() = default;
 
 bool FakeLlmServer::listen() { return server_->listen(QHostAddress::LocalHost, 0); }
+
+void FakeLlmServer::configureCleanup() const
+{
+    Preferences& p = Preferences::shared();
+    p.setValue(Settings::llmEndpoint, endpoint());
+    p.setValue(Settings::llmModel, QString());
+    p.setValue(Settings::llmAllowRemote, false);
+}
 
 quint16 FakeLlmServer::port() const { return server_->serverPort(); }
 

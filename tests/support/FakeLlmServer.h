@@ -35,6 +35,8 @@ public:
     ~FakeLlmServer() override;
 
     bool listen();              // any free port on 127.0.0.1
+    // Makes this server the one cleanup uses: its endpoint, the first listed model, loopback only.
+    void configureCleanup() const;
     quint16 port() const;
     QString endpoint() const;   // http://127.0.0.1:PORT/v1
     // A loopback endpoint where nothing listens (connections are refused).

@@ -53,10 +53,7 @@ private Q_SLOTS:
     {
         server_ = new FakeLlmServer(this);
         QVERIFY(server_->listen());
-        Preferences& p = Preferences::shared();
-        p.setValue(Settings::llmEndpoint, server_->endpoint());
-        p.setValue(Settings::llmModel, QString());
-        p.setValue(Settings::llmAllowRemote, false);
+        server_->configureCleanup();
     }
 
     void cleanup() { delete server_; }
