@@ -7,24 +7,23 @@ float LevelMeter::rms(const float* samples, int frames, int channelCount)
 {
     if (frames <= 0 || channelCount <= 0 || !samples)
         return 0;
-    float sum = 0;
-    if (channelCount == 1) {
-        // Eight running sums break the dependency chain so the compiler can vectorise the loop.
-        float lanes[8] = {};
-        int i = 0;
-        for (; i + 8 <= frames; i += 8)
-            for (int k = 0; k < 8; ++k)
-                lanes[k] += samples[i + k] * samples[i + k];
-        for (; i < frames; ++i)
-            sum += samples[i] * samples[i];
-        for (float lane : lanes)
-            sum += lane;
-    } else {
-        for (int i = 0; i < frames; ++i) {
-            const float s = samples[static_cast<std::size_t>(i) * channelCount];
-            sum += s * s;
+    // Eight running sums break the dependency chain (the compiler vectorises the mono case) and
+    // keep the rounding error of long blocks small.
+    const std::size_t stride = static_cast<std::size_t>(channelCount);
+    float lanes[8] = {};
+    int i = 0;
+    for (; i + 8 <= frames; i += 8)
+        for (int k = 0; k < 8; ++k) {
+            const float s = samples[static_cast<std::size_t>(i + k) * stride];
+            lanes[k] += s * s;
         }
+    float sum = 0;
+    for (; i < frames; ++i) {
+        const float s = samples[static_cast<std::size_t>(i) * stride];
+        sum += s * s;
     }
+    for (float lane : lanes)
+        sum += lane;
     return std::sqrt(sum / static_cast<float>(frames));
 }
 
