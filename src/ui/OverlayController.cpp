@@ -109,6 +109,17 @@ void OverlayController::resizePanel(int width)
         waveView_->setGeometry(0, 0, width, OverlayPlacement::pillHeight);
 }
 
+void OverlayController::bringToFront()
+{
+    panel_->setWindowOpacity(1.0);
+    const bool first = !panel_->isVisible();
+    panel_->show();
+    panel_->raise();
+    // Qt writes its own window states when it maps the window; ours go on top of them.
+    if (first)
+        X11Desktop::showOnAllDesktops(panel_);
+}
+
 void OverlayController::installPersistent()
 {
     if (!panel_)
@@ -117,12 +128,7 @@ void OverlayController::installPersistent()
     resizePanel(OverlayPlacement::idleWidth);
     if (waveView_)
         waveView_->enterIdle();
-    panel_->setWindowOpacity(1.0);
-    const bool first = !panel_->isVisible();
-    panel_->show();
-    panel_->raise();
-    if (first)
-        X11Desktop::showOnAllDesktops(panel_);
+    bringToFront();
 }
 
 void OverlayController::present(bool listening)
@@ -137,12 +143,7 @@ void OverlayController::present(bool listening)
         else
             waveView_->enterProcessing(wantButtons_);
     }
-    panel_->setWindowOpacity(1.0);
-    const bool first = !panel_->isVisible();
-    panel_->show();
-    panel_->raise();
-    if (first)
-        X11Desktop::showOnAllDesktops(panel_);
+    bringToFront();
 }
 
 void OverlayController::show()

@@ -40,6 +40,7 @@ protected:
 private:
     void build();
     void present(bool listening);
+    void bringToFront();
     void resizePanel(int width);
     void positionInitial();
     void updateShape();
