@@ -8,6 +8,7 @@
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QImage>
+#include <QKeyEvent>
 #include <QMenu>
 #include <QPainter>
 #include <QPixmap>
@@ -129,6 +130,11 @@ void MenuBarController::install()
 
     connect(recentMenu_.get(), &QMenu::triggered, this, &MenuBarController::copyTranscript);
 
+    // Shortcuts of actions that live only in a popup menu never match Qt's window context, so the
+    // open menus answer them themselves.
+    menu_->installEventFilter(this);
+    recentMenu_->installEventFilter(this);
+
     statusItem_->setContextMenu(menu_.get());
     // A left click opens the same menu, as a status item does.
     connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
@@ -138,6 +144,22 @@ void MenuBarController::install()
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         Diagnostics::log(QStringLiteral("menubar: no system tray is available; the tray icon appears once one starts"));
     statusItem_->show();
+}
+
+bool MenuBarController::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() != QEvent::KeyPress || !menu_ || (watched != menu_.get() && watched != recentMenu_.get()))
+        return QObject::eventFilter(watched, event);
+    const auto* key = static_cast<QKeyEvent*>(event);
+    const QKeySequence pressed(key->keyCombination());
+    for (QAction* action : menu_->actions()) {
+        if (!action->shortcut().isEmpty() && action->shortcut() == pressed && action->isEnabled()) {
+            menu_->close();
+            action->trigger();
+            return true;
+        }
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 void MenuBarController::stopAnimating()

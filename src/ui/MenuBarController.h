@@ -65,6 +65,9 @@ public:
     QMenu* recentMenu() const { return recentMenu_.get(); }
     const QList<double>& restingHeights() const { return restingHeights_; }
 
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     QIcon restingIcon() const;
 
