@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <X11/XKBlib.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 
@@ -149,6 +150,12 @@ void Fingers::tap(unsigned keycode)
 unsigned Fingers::keycodeOf(unsigned long keysym) const { return XKeysymToKeycode(dpy_, keysym); }
 
 void Fingers::sync() { XSync(dpy_, False); }
+
+bool Fingers::capsLocked() const
+{
+    XkbStateRec state{};
+    return XkbGetState(dpy_, XkbUseCoreKbd, &state) == Success && (state.locked_mods & LockMask);
+}
 
 QByteArray Fingers::mapping() const
 {

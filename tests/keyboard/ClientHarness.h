@@ -55,6 +55,7 @@ public:
     void tap(unsigned keycode);
     unsigned keycodeOf(unsigned long keysym) const;
     void sync();
+    bool capsLocked() const;
     // The keyboard mapping as core requests read it, to compare before and after.
     QByteArray mapping() const;
 

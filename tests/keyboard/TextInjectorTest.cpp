@@ -132,6 +132,21 @@ private Q_SLOTS:
         }
     }
 
+    void capsLockChangesNothing()
+    {
+        const unsigned caps = fingers_.keycodeOf(XK_Caps_Lock);
+        QVERIFY(caps != 0);
+        fingers_.tap(caps);
+        QVERIFY(fingers_.capsLocked());
+        QVERIFY(client_.clear());
+        const QString text = QStringLiteral("Hello World, é É ñ ø 😀 ΑΒγδ end");
+        QVERIFY(injector_.insertText(text));
+        const auto got = client_.waitFor([&](const auto& r) { return r.text.size() >= text.size(); });
+        QVERIFY(fingers_.capsLocked());  // still on afterwards
+        fingers_.tap(caps);
+        QCOMPARE(got.text, text);
+    }
+
 private:
     RecordingClient client_;
     Fingers fingers_;

@@ -169,8 +169,12 @@ bool TextInjector::insertText(const QString& text)
         return s.keysym == 0 ? n != 0 : (n != 1 || XkbKeySymsPtr(xkb.get(), s.keycode)[0] != s.keysym);
     });
 
-    // What each key of the current group types, alone or with Shift, under the locks that are on.
-    const unsigned locks = state.locked_mods & (LockMask | x_->mods.numLockMask());
+    // Caps Lock is switched off while typing: clients would capitalise the spare keycodes' letters.
+    const bool capsLocked = state.locked_mods & LockMask;
+    if (capsLocked)
+        XkbLockModifiers(dpy, XkbUseCoreKbd, LockMask, 0);
+    // What each key of the current group types, alone or with Shift, under Num Lock as it is.
+    const unsigned locks = state.locked_mods & x_->mods.numLockMask();
     const KeyCode shiftKey = XKeysymToKeycode(dpy, XK_Shift_L);
     std::unordered_map<unsigned long, KeyStroke> layout;
     const bool spaceGrabbed = monitor_ && monitor_->isOptionDown();
@@ -233,6 +237,8 @@ bool TextInjector::insertText(const QString& text)
     }
     if (shiftDown)
         key(shiftKey, false);
+    if (capsLocked)
+        XkbLockModifiers(dpy, XkbUseCoreKbd, LockMask, LockMask);
     XFlush(dpy);
     lastStroke_ = std::chrono::steady_clock::now();
     if (pool_.anyAssigned()) {
