@@ -11,7 +11,9 @@
 #include <QPointer>
 #include <QThread>
 
+#include <exception>
 #include <future>
+#include <optional>
 
 struct MicrophoneSource::Capture {
     std::function<void()> notify;  // reports a change to the GUI thread; any thread
@@ -110,18 +112,23 @@ auto MicrophoneSource::onAudioThread(Work work, const QString& what)
     QMetaObject::invokeMethod(
         worker_,
         [promise, work = std::move(work), busy = busy_]() mutable {
+            std::optional<Result> result;
+            std::exception_ptr failure;
             try {
-                promise->set_value(work());
+                result.emplace(work());
             } catch (...) {
-                promise->set_exception(std::current_exception());
+                failure = std::current_exception();
             }
+            // Free before the waiting thread wakes, so that its next request is not refused.
             busy->store(false);
+            if (failure)
+                promise->set_exception(failure);
+            else
+                promise->set_value(std::move(*result));
         },
         Qt::QueuedConnection);
     if (future.wait_for(std::chrono::milliseconds(timeoutMs_)) != std::future_status::ready)
-        throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 seconds while %2")
-                                    .arg(timeoutMs_ / 1000.0, 0, 'g', 3)
-                                    .arg(what));
+        throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 ms while %2").arg(timeoutMs_).arg(what));
     return future.get();
 }
 
