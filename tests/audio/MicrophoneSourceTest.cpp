@@ -98,13 +98,8 @@ class MicrophoneSourceTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        // Never let a client start a daemon of its own: this test runs the only one.
-        const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/pulse");
-        QDir().mkpath(config);
-        QFile conf(config + QStringLiteral("/client.conf"));
-        QVERIFY(conf.open(QIODevice::WriteOnly));
-        conf.write("autospawn = no\n");
-        conf.close();
+        // This test runs the only daemon.
+        QVERIFY(AudioTest::forbidSoundServerAutospawn());
 
         daemon_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         daemon_.start(QStringLiteral("pulseaudio"),

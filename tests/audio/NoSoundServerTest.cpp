@@ -5,10 +5,9 @@
 #include "audio/AudioEngineController.h"
 #include "audio/MicrophoneSource.h"
 
+#include "AudioTestSupport.h"
 #include "support/TestSupport.h"
 
-#include <QDir>
-#include <QFile>
 #include <QLocalServer>
 #include <QTest>
 
@@ -33,13 +32,7 @@ class NoSoundServerTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        // No client may start a daemon of its own.
-        const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/pulse");
-        QDir().mkpath(config);
-        QFile conf(config + QStringLiteral("/client.conf"));
-        QVERIFY(conf.open(QIODevice::WriteOnly));
-        conf.write("autospawn = no\n");
-        conf.close();
+        QVERIFY(AudioTest::forbidSoundServerAutospawn());
         if (qEnvironmentVariableIsSet("TOLVANE_TEST_HUNG_SERVER")) {
             // A socket that accepts connections and never says a word: a server that hangs.
             const QString path = qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + QStringLiteral("/mute-server");
