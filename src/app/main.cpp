@@ -1,3 +1,4 @@
+#include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
 #include "storage/Diagnostics.h"
 
@@ -39,6 +40,8 @@ int main(int argc, char** argv)
         return printLine(stdout, QStringLiteral("Tolvane " TOLVANE_VERSION), 0);
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
+    case CommandLine::Action::cleanup:
+        return runCleanupCommand(argc, argv, cl.argument);
     default:
         break;
     }
