@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFuture>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
@@ -17,34 +18,44 @@ namespace Background {
 
 QThreadPool& pool();
 
+template <typename R>
+struct Outcome {
+    std::optional<R> value;
+    std::exception_ptr error;
+};
+template <>
+struct Outcome<void> {
+    std::exception_ptr error;
+};
+
+// The coroutine half takes nothing but the future: GCC 12 mishandles coroutine parameters with
+// captured state (it destroyed a moved lambda twice), so the work is started outside it.
+template <typename R>
+QCoro::Task<R> result(QFuture<Outcome<R>> future)
+{
+    Outcome<R> outcome = co_await future;
+    if (outcome.error)
+        std::rethrow_exception(outcome.error);
+    if constexpr (!std::is_void_v<R>)
+        co_return std::move(*outcome.value);
+}
+
 template <typename F>
 auto run(F work) -> QCoro::Task<std::invoke_result_t<F>>
 {
     using R = std::invoke_result_t<F>;
-    if constexpr (std::is_void_v<R>) {
-        const std::exception_ptr error = co_await QtConcurrent::run(&pool(), [work = std::move(work)]() mutable {
-            try {
+    return result<R>(QtConcurrent::run(&pool(), [work = std::move(work)]() mutable {
+        Outcome<R> outcome;
+        try {
+            if constexpr (std::is_void_v<R>)
                 work();
-                return std::exception_ptr();
-            } catch (...) {
-                return std::current_exception();
-            }
-        });
-        if (error)
-            std::rethrow_exception(error);
-    } else {
-        using Outcome = std::pair<std::optional<R>, std::exception_ptr>;
-        Outcome outcome = co_await QtConcurrent::run(&pool(), [work = std::move(work)]() mutable {
-            try {
-                return Outcome(work(), nullptr);
-            } catch (...) {
-                return Outcome(std::nullopt, std::current_exception());
-            }
-        });
-        if (outcome.second)
-            std::rethrow_exception(outcome.second);
-        co_return std::move(*outcome.first);
-    }
+            else
+                outcome.value.emplace(work());
+        } catch (...) {
+            outcome.error = std::current_exception();
+        }
+        return outcome;
+    }));
 }
 
 }  // namespace Background

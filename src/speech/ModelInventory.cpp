@@ -185,7 +185,8 @@ QCoro::Task<void> ModelInventory::fetch(ModelSource source, QString archivePath)
     if (url.isLocalFile()) {
         const QString from = url.toLocalFile();
         Diagnostics::log(QStringLiteral("transcriber: copying model archive for ") + id + QStringLiteral(" from ") + from);
-        const bool copied = co_await Background::run([from, archivePath] { return QFile::copy(from, archivePath); });
+        const QCoro::Task<bool> copying = Background::run([from, archivePath] { return QFile::copy(from, archivePath); });
+        const bool copied = co_await copying;
         if (!copied)
             throw CollaboratorError(QStringLiteral("Could not read the speech model archive ") + from);
         co_return;
@@ -269,13 +270,14 @@ QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)
     co_await fetch(source, archive);
 
     const QString expected = source.sha256.toLower();
-    const QByteArray actual = co_await Background::run([archive] {
+    const QCoro::Task<QByteArray> hashing = Background::run([archive] {
         QFile f(archive);
         QCryptographicHash hash(QCryptographicHash::Sha256);
         if (!f.open(QIODevice::ReadOnly) || !hash.addData(&f))
             return QByteArray();
         return hash.result().toHex();
     });
+    const QByteArray actual = co_await hashing;
     if (QString::fromLatin1(actual) != expected) {
         Diagnostics::log(QStringLiteral("transcriber: model archive for ") + id + QStringLiteral(" has SHA-256 ")
                          + QString::fromLatin1(actual) + QStringLiteral(", expected ") + expected);
@@ -285,7 +287,7 @@ QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)
     Diagnostics::log(QStringLiteral("transcriber: model archive for ") + id + QStringLiteral(" verified; unpacking"));
 
     QDir().mkpath(unpacked);
-    const QString tarError = co_await Background::run([archive, unpacked] {
+    const QCoro::Task<QString> unpacking = Background::run([archive, unpacked] {
         QProcess tar;
         tar.start(QStringLiteral("tar"), {QStringLiteral("-xf"), archive, QStringLiteral("-C"), unpacked,
                                           QStringLiteral("--no-same-owner"), QStringLiteral("--no-same-permissions")});
@@ -295,6 +297,7 @@ QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)
             return QString::fromLocal8Bit(tar.readAllStandardError()).trimmed();
         return QString();
     });
+    const QString tarError = co_await unpacking;
     if (!tarError.isNull()) {
         throw CollaboratorError(QStringLiteral("The speech model archive for ") + id
                                 + QStringLiteral(" could not be unpacked: ") + tarError);
@@ -330,11 +333,16 @@ QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)
 
 QCoro::Task<std::shared_ptr<SpeechEngine>> ModelInventory::loadEngine(QString locale)
 {
+    // GCC 12 destroys temporaries of co_await expressions and conditional expressions in coroutines
+    // twice: closures and tasks are named first.
     const QString folder = installedModelFolder(locale);
-    const auto model = folder.isEmpty() ? std::nullopt : PocketsphinxEngine::Model::inFolder(folder, canonicalLocale(locale));
+    std::optional<PocketsphinxEngine::Model> model;
+    if (!folder.isEmpty())
+        model = PocketsphinxEngine::Model::inFolder(folder, canonicalLocale(locale));
     if (!model)
         throw CollaboratorError(QStringLiteral("No speech model is installed for ") + canonicalLocale(locale) + QLatin1Char('.'));
     const PocketsphinxEngine::Model m = *model;
-    std::shared_ptr<PocketsphinxEngine> engine = co_await Background::run([m] { return PocketsphinxEngine::load(m); });
+    const QCoro::Task<std::shared_ptr<PocketsphinxEngine>> loading = Background::run([m] { return PocketsphinxEngine::load(m); });
+    std::shared_ptr<SpeechEngine> engine = co_await loading;
     co_return engine;
 }

@@ -88,7 +88,7 @@ std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model,
     std::call_once(quiet, [] { err_set_logfp(nullptr); });  // the decoder's chatter is not ours to print
 
     const QStringList args = decoderArguments(model, settings);
-    std::vector<QByteArray> bytes;
+    std::vector<QByteArray> bytes{QByteArrayLiteral("tolvane")};  // the parser skips argv[0]
     for (const QString& a : args)
         bytes.push_back(a.toLocal8Bit());
     std::vector<char*> argv;

@@ -29,6 +29,13 @@ QString bcp47(QString identifier)
     return identifier.trimmed();
 }
 
+// Samples are interleaved only when there are several channels. (A function, not a conditional
+// expression in the coroutine: GCC 12 mishandles temporaries of those in coroutine frames.)
+QString interleavedText(const AudioFormat& format)
+{
+    return format.channelCount > 1 ? QStringLiteral("true") : QStringLiteral("false");
+}
+
 }  // namespace
 
 TranscriberController::TranscriberController(QObject* parent)
@@ -116,11 +123,11 @@ QCoro::Task<void> TranscriberController::prepare(QString locale)
     analyzerFormat_ = format;
     preparedLocale_ = id;
     if (format) {
-        // Samples are always 32-bit float (common format 1), interleaved only with several channels.
+        // Samples are always 32-bit float (common format 1).
         Diagnostics::log(QStringLiteral("transcriber: analyzer wants ") + SpeechFormat::rate(format->sampleRate)
                          + QStringLiteral("Hz / ") + QString::number(format->channelCount)
                          + QStringLiteral("ch / commonFormat=1 / interleaved=")
-                         + (format->channelCount > 1 ? QStringLiteral("true") : QStringLiteral("false")));
+                         + interleavedText(*format));
     } else {
         Diagnostics::log(QStringLiteral("transcriber: bestAvailableAudioFormat returned nil"));
     }
@@ -202,7 +209,8 @@ void TranscriberController::closeInput()
 
 QCoro::Task<void> TranscriberController::awaitResultsLoop()
 {
-    if (const auto task = resultsTask_) {
+    const std::shared_ptr<QFuture<void>> task = resultsTask_;
+    if (task) {
         co_await *task;
         if (resultsTask_ == task) {
             resultsTask_.reset();
@@ -211,12 +219,16 @@ QCoro::Task<void> TranscriberController::awaitResultsLoop()
     }
 }
 
+// GCC 12 destroys temporaries of a co_await expression twice and mishandles variables declared
+// in conditions, so the coroutines below name their closures, tasks and shared pointers first.
 QCoro::Task<QString> TranscriberController::finish()
 {
     closeInput();
-    if (const std::shared_ptr<SpeechAnalyzer> analyzer = analyzer_) {
+    const std::shared_ptr<SpeechAnalyzer> analyzer = analyzer_;
+    if (analyzer) {
+        const QCoro::Task<void> finalizing = Background::run([analyzer] { analyzer->finalizeAndFinishThroughEndOfInput(); });
         try {
-            co_await Background::run([analyzer] { analyzer->finalizeAndFinishThroughEndOfInput(); });
+            co_await finalizing;
         } catch (const std::exception& e) {
             Diagnostics::log(QStringLiteral("transcriber: finalize warning: ") + describe(e));
         }
@@ -240,8 +252,10 @@ QCoro::Task<void> TranscriberController::cancel()
     closeInput();
     if (resultsTask_ && transcriber_)
         transcriber_->cancel();
-    if (const std::shared_ptr<SpeechAnalyzer> analyzer = analyzer_) {
-        co_await Background::run([analyzer] { analyzer->cancelAndFinishNow(); });
+    const std::shared_ptr<SpeechAnalyzer> analyzer = analyzer_;
+    if (analyzer) {
+        const QCoro::Task<void> cancelling = Background::run([analyzer] { analyzer->cancelAndFinishNow(); });
+        co_await cancelling;
         if (analyzer_ == analyzer)
             analyzer_.reset();
     }
