@@ -1,4 +1,5 @@
 #include "app/CommandLine.h"
+#include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
 
 #include <QApplication>
@@ -39,6 +40,8 @@ int main(int argc, char** argv)
         return printLine(stdout, QStringLiteral("Tolvane " TOLVANE_VERSION), 0);
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
+    case CommandLine::Action::transcribe:
+        return TranscribeCommand::main(argc, argv, {cl.argument, cl.locale, cl.partials});
     default:
         break;
     }
