@@ -1,5 +1,6 @@
 #include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
+#include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
 
 #include <QApplication>
@@ -42,6 +43,8 @@ int main(int argc, char** argv)
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
     case CommandLine::Action::cleanup:
         return runCleanupCommand(argc, argv, cl.argument);
+    case CommandLine::Action::transcribe:
+        return TranscribeCommand::main(argc, argv, {cl.argument, cl.locale, cl.partials});
     default:
         break;
     }

@@ -22,6 +22,10 @@ inline QString boolText(bool b) { return b ? QStringLiteral("true") : QStringLit
 // Where the log lives (creates the folder the first time it is asked).
 QString logFilePath();
 
+// Whether lines are also mirrored to standard error (on by default). Command-line modes whose
+// standard error is their user interface turn it off; the file still gets every line.
+void setMirrored(bool on);
+
 // Blocks until every line handed over so far is on disk. For tests and orderly shutdown.
 void flush();
 
