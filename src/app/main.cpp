@@ -1,5 +1,6 @@
 #include "app/CommandLine.h"
 #include "storage/Diagnostics.h"
+#include "ui/ScreenshotMode.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -39,6 +40,16 @@ int main(int argc, char** argv)
         return printLine(stdout, QStringLiteral("Tolvane " TOLVANE_VERSION), 0);
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
+    case CommandLine::Action::shots: {
+        // Renders without any display when there is none.
+        if (!graphicalSessionAvailable())
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        QApplication app(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("Tolvane"));
+        QCoreApplication::setOrganizationName(QStringLiteral("Tolvane"));
+        QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
+        return ScreenshotMode::run(cl.argument.isEmpty() ? ScreenshotMode::defaultOutputDir : cl.argument);
+    }
     default:
         break;
     }

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+class QWidget;
+
+// Renders the three Settings panes and the About window, filled with sample data, to PNG files.
+// Needs a QApplication (the offscreen platform serves) and nothing else of Tolvane's start-up.
+namespace ScreenshotMode {
+
+inline const QString defaultOutputDir = QStringLiteral("marketing");
+
+// Writes settings-general.png, settings-snippets.png, settings-history.png and about.png into
+// outputDir, printing one line per file and a final one. Returns the process exit status.
+int run(const QString& outputDir);
+
+}  // namespace ScreenshotMode
