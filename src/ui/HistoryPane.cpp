@@ -310,6 +310,7 @@ void HistoryPane::rebuildList()
         text->setCursor(Qt::IBeamCursor);
         v->addWidget(text);
         rowsLayout_->addWidget(row);
+        row->show();
     }
     rowsLayout_->addStretch(1);
     stack_->setCurrentIndex(entries_.isEmpty() ? 0 : 1);

@@ -84,17 +84,25 @@ bool SettingsWindowController::isKeyWindow() const { return window_ && window_->
 
 void SettingsWindowController::reassert()
 {
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            closeWork_->stop();
-            if (!window_)
-                return;
-            window_->show();
-            window_->raise();
-            window_->activateWindow();
-        },
-        Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, [this] { bringToFront(3); }, Qt::QueuedConnection);
+}
+
+void SettingsWindowController::bringToFront(int retries)
+{
+    closeWork_->stop();
+    if (!window_)
+        return;
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
+    // A window just re-created (new taskbar presence) may miss the first activation while the
+    // server still settles focus; ask again a little later.
+    if (retries > 0) {
+        QTimer::singleShot(100, this, [this, retries] {
+            if (window_ && window_->isVisible() && !window_->isActiveWindow())
+                bringToFront(retries - 1);
+        });
+    }
 }
 
 bool SettingsWindowController::hidePending() const { return closeWork_->isActive(); }

@@ -34,6 +34,7 @@ protected:
 
 private:
     void build();
+    void bringToFront(int retries);
     void windowDidResignKey();
     void windowDidBecomeKey();
 

@@ -139,6 +139,7 @@ void SnippetsPane::rebuildList()
         const QUuid id = snippet.id;
         connect(trash, &QToolButton::clicked, this, [this, id] { remove(id); });
         rowsLayout_->addWidget(row);
+        row->show();
     }
     rowsLayout_->addStretch(1);
     stack_->setCurrentIndex(snippets_.isEmpty() ? 0 : 1);

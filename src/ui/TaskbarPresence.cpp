@@ -5,6 +5,7 @@
 #include <QList>
 #include <QPointer>
 #include <QWidget>
+#include <QWindow>
 
 namespace TaskbarPresence {
 
@@ -21,13 +22,14 @@ void setPresence(QWidget* window, bool showInTaskbar)
     const Qt::WindowType wanted = showInTaskbar ? Qt::Window : Qt::Tool;
     if (window->windowType() == wanted)
         return;
-    // Changing the flags hides a visible window; show it again where it was.
-    const bool visible = window->isVisible();
-    const QPoint position = window->pos();
-    window->setWindowFlags((window->windowFlags() & ~Qt::WindowType_Mask) | wanted);
-    if (visible) {
-        window->move(position);
-        window->show();
+    const Qt::WindowFlags flags = (window->windowFlags() & ~Qt::WindowType_Mask) | wanted;
+    if (QWindow* handle = window->windowHandle()) {
+        // Changed in place: QWidget::setWindowFlags would re-create the native window, hiding it
+        // and losing the keyboard focus.
+        window->overrideWindowFlags(flags);
+        handle->setFlags(flags);
+    } else {
+        window->setWindowFlags(flags);
     }
 }
 

@@ -8,7 +8,7 @@ namespace TaskbarPresence {
 
 // Registers one of Tolvane's top-level windows and gives it the stored presence.
 void manage(QWidget* window);
-// Gives every registered window the presence; visible windows stay visible.
+// Gives every registered window the presence; visible windows stay visible and focused.
 void apply(bool showInTaskbar);
 
 }  // namespace TaskbarPresence
