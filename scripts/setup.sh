@@ -7,7 +7,7 @@ build_pkgs=(
   build-essential cmake pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev qt6-qpa-plugins qcoro-qt6-dev libgl-dev
   libx11-dev libxi-dev libxtst-dev
-  libsoxr-dev libsndfile1-dev
+  libsoxr-dev libsndfile1-dev libpulse-dev
   libpocketsphinx-dev pocketsphinx-en-us
   fonts-dejavu-core fonts-inter
 )

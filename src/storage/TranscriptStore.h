@@ -21,10 +21,18 @@ class TranscriptStore final : public QObject {
 public:
     static TranscriptStore& shared();
 
+    // A store over another file, read at once. The program uses shared() only; tests make their own
+    // to start from a given file or to read it again as after a restart.
+    explicit TranscriptStore(const QString& filePath, QObject* parent = nullptr);
+    // Waits for pending writes, so nothing handed over is lost.
+    ~TranscriptStore() override;
+
     void append(const QString& text);
     void clear();
     QList<TranscriptEntry> entries() const;
     static QString fileURL();
+    // The file this instance mirrors.
+    QString filePath() const;
 
     // Blocks until every write handed over so far has finished. For tests and shutdown.
     void waitForWrites();
@@ -35,7 +43,6 @@ Q_SIGNALS:
 
 private:
     TranscriptStore();
-    ~TranscriptStore() override;
     struct Private;
     Private* d;
 };

@@ -9,8 +9,6 @@
 
 #include <cmath>
 
-QColor brandGreen() { return QColor::fromRgbF(0.13f, 0.66f, 0.35f, 1.0f); }
-
 namespace Theme {
 
 namespace {

@@ -9,8 +9,12 @@
 class QPainter;
 class QWidget;
 
-// Tolvane's accent colour, sRGB (0.13, 0.66, 0.35), about #21A859.
-QColor brandGreen();
+// The accent colour: the pill's bars and ring, the tray icon, highlights in the windows.
+// sRGB (0.13, 0.66, 0.35), about #21A859.
+inline QColor brandGreen()
+{
+    return QColor::fromRgbF(0.13f, 0.66f, 0.35f, 1.0f);
+}
 
 // Colours, type and small drawings shared by every Tolvane window, so they all look alike.
 namespace Theme {

@@ -1,0 +1,145 @@
+#include "audio/AudioEngineController.h"
+
+#include "storage/Diagnostics.h"
+
+#include <QLocale>
+
+namespace {
+
+// A sample rate as the route line prints it: shortest exact form, at least one decimal ("48000.0").
+QString rateText(double rate)
+{
+    QString text = QString::number(rate, 'f', QLocale::FloatingPointShortest);
+    if (!text.contains(QLatin1Char('.')) && !text.contains(QLatin1Char('n')))  // leave "inf"/"nan" alone
+        text += QStringLiteral(".0");
+    return text;
+}
+
+QString describeError(const std::exception& error)
+{
+    if (const auto* collaborator = dynamic_cast<const CollaboratorError*>(&error))
+        return collaborator->localizedDescription();
+    return QString::fromUtf8(error.what());
+}
+
+}  // namespace
+
+AudioEngineController::AudioEngineController(std::unique_ptr<CaptureSource> source, QObject* parent)
+    : QObject(parent), source_(std::move(source))
+{
+    Q_ASSERT(source_);
+}
+
+AudioEngineController::~AudioEngineController()
+{
+    removeConfigObserver();
+    source_->stop();  // no block may reach this object once it is gone
+}
+
+void AudioEngineController::setTargetFormat(std::optional<AudioFormat> format)
+{
+    targetFormat_ = format;
+}
+
+bool AudioEngineController::formatsMatch(const AudioFormat& a, const AudioFormat& b)
+{
+    // Both sides are float samples, interleaved beyond one channel: rate and channels decide.
+    return a.sampleRate == b.sampleRate && a.channelCount == b.channelCount;
+}
+
+void AudioEngineController::start()
+{
+    if (running_)
+        return;
+    installTap();
+    startCapture();
+    running_ = true;
+    addConfigObserver();
+}
+
+void AudioEngineController::stop()
+{
+    if (!running_)
+        return;
+    removeConfigObserver();
+    source_->stop();
+    running_ = false;
+    meter_.resetLevel();
+    if (onAmplitude)
+        onAmplitude(0.0f);  // the meters fall to rest
+}
+
+void AudioEngineController::installTap()
+{
+    const AudioFormat input = source_->inputFormat();
+    const AudioFormat target = targetFormat_.value_or(defaultTargetFormat);
+    auto tap = std::make_shared<Tap>();
+    tap->target = target;
+    if (!formatsMatch(input, target)) {
+        tap->converter = AudioConverter::create(input, target);
+        if (!tap->converter)
+            Diagnostics::log(QStringLiteral("audio: AVAudioConverter init FAILED for ") + AudioConverter::describe(input) +
+                             QStringLiteral(" → ") + AudioConverter::describe(target));
+    }
+    Diagnostics::log(QStringLiteral("audio: input=%1Hz/%2ch → target=%3Hz/%4ch, converter=%5")
+                         .arg(rateText(input.sampleRate))
+                         .arg(input.channelCount)
+                         .arg(rateText(target.sampleRate))
+                         .arg(target.channelCount)
+                         .arg(tap->converter ? QStringLiteral("yes") : QStringLiteral("passthrough")));
+    tap_ = std::move(tap);
+}
+
+void AudioEngineController::startCapture()
+{
+    source_->start([this, tap = tap_](const AudioBuffer& block) { process(*tap, block); });
+}
+
+void AudioEngineController::process(Tap& tap, const AudioBuffer& block)
+{
+    const LevelMeter::Reading reading = meter_.measure(block);
+    if (onAmplitude)
+        onAmplitude(reading.level);
+    if (reading.logDue)
+        Diagnostics::log(QString::asprintf("audio: peak amp %.3f (rms %.4f)", double(reading.peakSinceLog), double(reading.rms)));
+    if (tap.converter) {
+        std::optional<AudioBuffer> converted = tap.converter->convertBlock(block);
+        if (!converted)
+            return;  // this block is lost; the next one converts as usual
+        if (onBuffer)
+            onBuffer(std::move(*converted));
+    } else if (onBuffer) {
+        onBuffer(block);
+    }
+}
+
+void AudioEngineController::addConfigObserver()
+{
+    removeConfigObserver();
+    configObserver_ = connect(source_.get(), &CaptureSource::configurationChanged, this,
+                              &AudioEngineController::handleConfigChange, Qt::QueuedConnection);
+}
+
+void AudioEngineController::removeConfigObserver()
+{
+    if (configObserver_)
+        disconnect(configObserver_);
+    configObserver_ = {};
+}
+
+void AudioEngineController::handleConfigChange()
+{
+    if (!running_)
+        return;
+    Diagnostics::log(QStringLiteral("audio: configuration changed — rebuilding tap and restarting"));
+    source_->stop();
+    meter_.resetLevel();
+    try {
+        installTap();
+        startCapture();
+        Diagnostics::log(QStringLiteral("audio: engine restarted after configuration change"));
+    } catch (const std::exception& error) {
+        Diagnostics::log(QStringLiteral("audio: restart after configuration change FAILED: ") + describeError(error));
+        running_ = false;
+    }
+}

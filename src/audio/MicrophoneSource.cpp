@@ -1,0 +1,239 @@
+#include "audio/MicrophoneSource.h"
+
+#include "audio/DefaultSourceWatcher.h"
+#include "dictation/Collaborators.h"
+#include "storage/Diagnostics.h"
+
+#include <QAudioDevice>
+#include <QAudioSource>
+#include <QCoreApplication>
+#include <QMediaDevices>
+#include <QPointer>
+#include <QThread>
+
+#include <future>
+
+struct MicrophoneSource::Capture {
+    std::function<void()> notify;  // reports a change to the GUI thread; any thread
+    std::unique_ptr<QMediaDevices> devices;
+    QAudioDevice device;
+    QAudioFormat format;
+    std::unique_ptr<QAudioSource> audio;
+    QIODevice* io = nullptr;
+    AudioBuffer block;
+    std::size_t filledBytes = 0;
+    BlockHandler handler;
+    std::atomic<bool> delivering{false};  // cleared by the GUI thread first thing in stop()
+
+    // Moves what the device has into 1024-frame blocks and hands each full one over.
+    void drain()
+    {
+        if (!io)
+            return;
+        const std::size_t blockBytes = block.samples.size() * sizeof(float);
+        auto* bytes = reinterpret_cast<char*>(block.samples.data());
+        for (;;) {
+            const qint64 got = io->read(bytes + filledBytes, static_cast<qint64>(blockBytes - filledBytes));
+            if (got <= 0)
+                return;
+            filledBytes += static_cast<std::size_t>(got);
+            if (filledBytes == blockBytes) {
+                filledBytes = 0;
+                if (delivering.load(std::memory_order_acquire) && handler)
+                    handler(block);
+            }
+        }
+    }
+};
+
+namespace {
+
+struct Choice {
+    AudioFormat format;
+    QString id;
+    QString description;
+};
+
+}  // namespace
+
+MicrophoneSource::MicrophoneSource(int timeoutMs, QObject* parent)
+    : CaptureSource(parent),
+      timeoutMs_(timeoutMs),
+      thread_(new QThread),
+      worker_(new QObject),
+      capture_(std::make_shared<Capture>()),
+      watcher_(std::make_shared<DefaultSourceWatcher>()),
+      busy_(std::make_shared<std::atomic<bool>>(false))
+{
+    const QPointer<MicrophoneSource> self(this);
+    capture_->notify = [self] {
+        if (QCoreApplication* app = QCoreApplication::instance())
+            QMetaObject::invokeMethod(app, [self] {
+                    if (self)
+                        self->noteChange();
+                }, Qt::QueuedConnection);
+    };
+    watcher_->onChanged = capture_->notify;
+    changeTimer_.setSingleShot(true);
+    changeTimer_.setInterval(150);
+    connect(&changeTimer_, &QTimer::timeout, this, [this] { Q_EMIT configurationChanged(); });
+    thread_->setObjectName(QStringLiteral("audio"));
+    worker_->moveToThread(thread_);
+    thread_->start();
+}
+
+MicrophoneSource::~MicrophoneSource()
+{
+    stop();
+    auto capture = capture_;
+    QMetaObject::invokeMethod(worker_, [capture] { capture->devices.reset(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(worker_, &QObject::deleteLater, Qt::QueuedConnection);
+    thread_->quit();
+    if (thread_->wait(timeoutMs_)) {
+        delete thread_;
+    } else {
+        // A request to the sound server still hangs on it; destroying a running thread would end
+        // the program, so it is left behind.
+        Diagnostics::log(QStringLiteral("audio: the microphone thread is still waiting for the sound server; leaving it"));
+    }
+}
+
+template <typename Work>
+auto MicrophoneSource::onAudioThread(Work work, const QString& what)
+{
+    using Result = decltype(work());
+    if (busy_->load())
+        throw CollaboratorError(QStringLiteral("The sound server is not answering (an earlier request to it has not returned)"));
+    auto promise = std::make_shared<std::promise<Result>>();
+    std::future<Result> future = promise->get_future();
+    busy_->store(true);
+    QMetaObject::invokeMethod(
+        worker_,
+        [promise, work = std::move(work), busy = busy_]() mutable {
+            try {
+                promise->set_value(work());
+            } catch (...) {
+                promise->set_exception(std::current_exception());
+            }
+            busy->store(false);
+        },
+        Qt::QueuedConnection);
+    if (future.wait_for(std::chrono::milliseconds(timeoutMs_)) != std::future_status::ready)
+        throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 seconds while %2")
+                                    .arg(timeoutMs_ / 1000.0, 0, 'g', 3)
+                                    .arg(what));
+    return future.get();
+}
+
+AudioFormat MicrophoneSource::inputFormat()
+{
+    const int serverTimeout = std::max(1, timeoutMs_ / 2);
+    const Choice choice = onAudioThread(
+        [capture = capture_, watcher = watcher_, serverTimeout] {
+            if (!capture->devices) {
+                capture->devices = std::make_unique<QMediaDevices>();
+                QObject::connect(capture->devices.get(), &QMediaDevices::audioInputsChanged, capture->devices.get(),
+                                 [notify = capture->notify] { notify(); });
+            }
+            const std::optional<QString> defaultName = watcher->defaultSourceName(serverTimeout);
+            const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
+            if (inputs.isEmpty()) {
+                throw CollaboratorError(defaultName ? QStringLiteral("No microphone: the sound server offers no audio input")
+                                                    : QStringLiteral("No microphone: no sound server (PulseAudio or PipeWire) is running"));
+            }
+            QAudioDevice device;
+            for (const QAudioDevice& input : inputs)
+                if (defaultName && QString::fromUtf8(input.id()) == *defaultName)
+                    device = input;
+            if (device.isNull()) {
+                device = QMediaDevices::defaultAudioInput();
+                if (device.isNull())
+                    device = inputs.first();
+                Diagnostics::log(QStringLiteral("audio: default source %1 is not among the inputs; using %2")
+                                     .arg(defaultName ? *defaultName : QStringLiteral("(unknown)"),
+                                          QString::fromUtf8(device.id())));
+            }
+            QAudioFormat format = device.preferredFormat();
+            format.setSampleFormat(QAudioFormat::Float);
+            if (format.sampleRate() <= 0)
+                format.setSampleRate(48000);
+            if (format.channelCount() <= 0)
+                format.setChannelCount(1);
+            capture->device = device;
+            capture->format = format;
+            return Choice{AudioFormat{static_cast<double>(format.sampleRate()), format.channelCount()},
+                          QString::fromUtf8(device.id()), device.description()};
+        },
+        QStringLiteral("looking for the default input"));
+    if (choice.id != deviceId_)
+        Diagnostics::log(QStringLiteral("audio: microphone \"%1\" (%2)").arg(choice.description, choice.id));
+    deviceId_ = choice.id;
+    deviceDescription_ = choice.description;
+    return choice.format;
+}
+
+void MicrophoneSource::start(BlockHandler handler)
+{
+    stop();
+    onAudioThread(
+        [capture = capture_, handler = std::move(handler)] {
+            Capture& c = *capture;
+            if (c.device.isNull())
+                throw CollaboratorError(QStringLiteral("No microphone has been chosen"));
+            c.audio = std::make_unique<QAudioSource>(c.device, c.format);
+            const AudioFormat format{static_cast<double>(c.format.sampleRate()), c.format.channelCount()};
+            c.block = AudioBuffer{format, std::vector<float>(static_cast<std::size_t>(blockFrames) * format.channelCount)};
+            c.audio->setBufferSize(static_cast<qsizetype>(c.block.samples.size() * sizeof(float) * 4));
+            c.io = c.audio->start();
+            if (!c.io || c.audio->error() != QAudio::NoError) {
+                const int error = c.audio->error();
+                c.io = nullptr;
+                c.audio.reset();
+                throw CollaboratorError(QStringLiteral("Cannot open the microphone \"%1\" (Qt audio error %2)")
+                                            .arg(c.device.description())
+                                            .arg(error));
+            }
+            c.filledBytes = 0;
+            c.handler = handler;
+            c.delivering.store(true, std::memory_order_release);
+            QObject::connect(c.io, &QIODevice::readyRead, c.audio.get(), [&c] { c.drain(); });
+            QObject::connect(c.audio.get(), &QAudioSource::stateChanged, c.audio.get(), [&c](QAudio::State state) {
+                // The device went away or failed under a running capture: choose again.
+                if (state == QAudio::StoppedState && c.audio && c.audio->error() != QAudio::NoError &&
+                    c.delivering.load())
+                    c.notify();
+            });
+            return true;
+        },
+        QStringLiteral("opening the microphone"));
+    started_ = true;
+}
+
+void MicrophoneSource::stop()
+{
+    if (!started_)
+        return;
+    started_ = false;
+    capture_->delivering.store(false, std::memory_order_release);
+    try {
+        onAudioThread(
+            [capture = capture_] {
+                Capture& c = *capture;
+                if (c.audio)
+                    c.audio->stop();
+                c.io = nullptr;
+                c.audio.reset();
+                c.handler = nullptr;
+                return true;
+            },
+            QStringLiteral("closing the microphone"));
+    } catch (const CollaboratorError& error) {
+        Diagnostics::log(QStringLiteral("audio: ") + error.localizedDescription());
+    }
+}
+
+void MicrophoneSource::noteChange()
+{
+    if (!changeTimer_.isActive())
+        changeTimer_.start();
+}

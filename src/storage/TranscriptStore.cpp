@@ -1,0 +1,165 @@
+#include "storage/TranscriptStore.h"
+
+#include "storage/DataLocation.h"
+#include "storage/Preferences.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+#include <QStringDecoder>
+#include <QThread>
+
+namespace {
+
+const QString tsKey = QStringLiteral("ts");
+const QString textKey = QStringLiteral("text");
+
+// A line is a record when it is a JSON object of strings only that has both keys; anything else
+// (including a stray number where a string belongs) is skipped.
+std::optional<TranscriptEntry> parseLine(const QByteArray& line)
+{
+    QJsonParseError error{};
+    const QJsonDocument doc = QJsonDocument::fromJson(line, &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject())
+        return std::nullopt;
+    const QJsonObject o = doc.object();
+    for (auto it = o.begin(); it != o.end(); ++it) {
+        if (!it.value().isString())
+            return std::nullopt;
+    }
+    if (!o.contains(tsKey) || !o.contains(textKey))
+        return std::nullopt;
+    return TranscriptEntry{QUuid::createUuid(), o.value(tsKey).toString(), o.value(textKey).toString()};
+}
+
+QList<TranscriptEntry> readFromDisk(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll();
+    // A file that is not UTF-8 as a whole is not ours: start afresh (the next append replaces it).
+    QStringDecoder utf8(QStringDecoder::Utf8);
+    const QString text = utf8(bytes);
+    if (utf8.hasError())
+        return {};
+    QList<TranscriptEntry> result;
+    for (const QStringView line : QStringView(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        if (auto entry = parseLine(line.toUtf8()))
+            result.append(*entry);
+    }
+    return result;
+}
+
+QByteArray encode(const TranscriptEntry& e)
+{
+    return QJsonDocument(QJsonObject{{tsKey, e.timestamp}, {textKey, e.text}}).toJson(QJsonDocument::Compact);
+}
+
+// Replaces the file whole: the new text goes to a temporary file beside it, which is renamed over
+// the old one only once it is complete, so a crash or a full disk never leaves a partial history.
+void writeWhole(const QString& path, const QByteArray& contents)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    // QSaveFile takes a short write (disk full, file size limit) for success, so check the count.
+    if (file.write(contents) != contents.size())
+        file.cancelWriting();
+    file.commit();  // after any failure it discards the temporary file; the previous file stays
+}
+
+}  // namespace
+
+struct TranscriptStore::Private {
+    QString path;
+    QList<TranscriptEntry> cache;
+    QThread writer;
+    QObject* writerContext = nullptr;  // lives on the writer thread; queued jobs run there in order
+
+    void enqueue(QByteArray contents)
+    {
+        QMetaObject::invokeMethod(
+            writerContext, [path = path, contents = std::move(contents)] { writeWhole(path, contents); },
+            Qt::QueuedConnection);
+    }
+};
+
+TranscriptStore& TranscriptStore::shared()
+{
+    static TranscriptStore* instance = new TranscriptStore();  // lives until the process ends
+    return *instance;
+}
+
+TranscriptStore::TranscriptStore() : TranscriptStore(fileURL()) {}
+
+TranscriptStore::TranscriptStore(const QString& filePath, QObject* parent) : QObject(parent), d(new Private)
+{
+    d->path = filePath;
+    d->writer.setObjectName(QStringLiteral("transcripts"));
+    d->writerContext = new QObject;
+    d->writerContext->moveToThread(&d->writer);
+    d->writer.start(QThread::LowPriority);
+    d->cache = readFromDisk(d->path);
+    // Writes handed over just before quitting still reach the disk.
+    if (QCoreApplication* app = QCoreApplication::instance())
+        connect(app, &QCoreApplication::aboutToQuit, this, &TranscriptStore::waitForWrites);
+}
+
+TranscriptStore::~TranscriptStore()
+{
+    waitForWrites();
+    d->writer.quit();
+    d->writer.wait();
+    delete d->writerContext;
+    delete d;
+}
+
+QString TranscriptStore::fileURL() { return tolvaneDataDirectory() + QStringLiteral("/transcripts.jsonl"); }
+
+QString TranscriptStore::filePath() const { return d->path; }
+
+QList<TranscriptEntry> TranscriptStore::entries() const { return d->cache; }
+
+void TranscriptStore::append(const QString& text)
+{
+    Preferences& prefs = Preferences::shared();
+    if (!prefs.historyEnabled())
+        return;
+    const int limit = prefs.historyRetention();
+
+    d->cache.append(TranscriptEntry{QUuid::createUuid(),
+                                    QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs), text});
+    if (d->cache.size() > limit)
+        d->cache.remove(0, d->cache.size() - limit);
+
+    // The snapshot is taken here, so each queued write carries the whole history as it is now.
+    QByteArray contents;
+    for (const TranscriptEntry& e : std::as_const(d->cache)) {
+        contents += encode(e);
+        contents += '\n';
+    }
+    d->enqueue(std::move(contents));
+    Q_EMIT entriesChanged();
+}
+
+void TranscriptStore::clear()
+{
+    d->cache.clear();
+    d->enqueue(QByteArray());
+    Q_EMIT entriesChanged();
+}
+
+void TranscriptStore::waitForWrites()
+{
+    if (QThread::currentThread() == &d->writer)
+        return;
+    // Jobs run in order, so once this empty one has run every earlier write has finished.
+    QMetaObject::invokeMethod(d->writerContext, [] {}, Qt::BlockingQueuedConnection);
+}

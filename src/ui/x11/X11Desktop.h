@@ -1,0 +1,16 @@
+#pragma once
+
+class QWidget;
+
+// The few window-manager hints Qt has no API for. Each does nothing outside an X11 session.
+namespace X11Desktop {
+
+bool isX11();
+// Puts a top-level window on every desktop (_NET_WM_DESKTOP 0xFFFFFFFF, _NET_WM_STATE_STICKY) and
+// keeps it out of the taskbar and pager. Before the first show the hints are set as properties; on a
+// shown window the window manager is asked with client messages as well.
+void showOnAllDesktops(QWidget* window);
+// A compositing manager runs, so translucent window pixels are blended with what lies below.
+bool compositingActive();
+
+}  // namespace X11Desktop

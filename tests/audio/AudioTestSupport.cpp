@@ -1,0 +1,96 @@
+#include "AudioTestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+
+#include <sndfile.h>
+
+#include <cmath>
+#include <numbers>
+
+namespace AudioTest {
+
+AudioBuffer sine(AudioFormat format, int frames, double frequency, float amplitude, long offset)
+{
+    AudioBuffer out{format, std::vector<float>(static_cast<std::size_t>(frames) * format.channelCount)};
+    for (int i = 0; i < frames; ++i) {
+        const double t = static_cast<double>(offset + i) / format.sampleRate;
+        const float v = amplitude * static_cast<float>(std::sin(2 * std::numbers::pi * frequency * t));
+        for (int c = 0; c < format.channelCount; ++c)
+            out.samples[static_cast<std::size_t>(i) * format.channelCount + c] = v;
+    }
+    return out;
+}
+
+AudioBuffer constant(AudioFormat format, int frames, float value)
+{
+    return AudioBuffer{format, std::vector<float>(static_cast<std::size_t>(frames) * format.channelCount, value)};
+}
+
+std::vector<float> channel(const AudioBuffer& buffer, int channel)
+{
+    std::vector<float> out;
+    for (int i = 0; i < buffer.frameCount(); ++i)
+        out.push_back(buffer.samples[static_cast<std::size_t>(i) * buffer.format.channelCount + channel]);
+    return out;
+}
+
+double rms(const std::vector<float>& samples, std::size_t from)
+{
+    if (samples.size() <= from)
+        return 0;
+    double sum = 0;
+    for (std::size_t i = from; i < samples.size(); ++i)
+        sum += double(samples[i]) * samples[i];
+    return std::sqrt(sum / double(samples.size() - from));
+}
+
+double tonePower(const std::vector<float>& samples, double sampleRate, double frequency, std::size_t from)
+{
+    if (samples.size() <= from)
+        return 0;
+    const double w = 2 * std::numbers::pi * frequency / sampleRate;
+    const double coeff = 2 * std::cos(w);
+    double s1 = 0, s2 = 0;
+    for (std::size_t i = from; i < samples.size(); ++i) {
+        const double s0 = samples[i] + coeff * s1 - s2;
+        s2 = s1;
+        s1 = s0;
+    }
+    const double n = double(samples.size() - from);
+    const double power = s1 * s1 + s2 * s2 - coeff * s1 * s2;
+    return power / (n * n);
+}
+
+bool writeWav(const QString& path, const AudioBuffer& audio)
+{
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(audio.format.sampleRate);
+    info.channels = audio.format.channelCount;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
+    if (!file)
+        return false;
+    const sf_count_t frames = audio.frameCount();
+    const bool ok = sf_writef_float(file, audio.samples.data(), frames) == frames;
+    sf_close(file);
+    return ok;
+}
+
+bool speak(const QString& text, const QString& path)
+{
+    QProcess espeak;
+    espeak.start(QStringLiteral("espeak-ng"), {QStringLiteral("-v"), QStringLiteral("en-us"), QStringLiteral("-w"), path, text});
+    return espeak.waitForFinished(30000) && espeak.exitStatus() == QProcess::NormalExit && espeak.exitCode() == 0 &&
+           QFile(path).size() > 1000;
+}
+
+QString sandboxPath(const QString& name)
+{
+    const QString root = qEnvironmentVariable("TOLVANE_TEST_SANDBOX", QDir::tempPath());
+    QDir().mkpath(root + QStringLiteral("/audio"));
+    return root + QStringLiteral("/audio/") + name;
+}
+
+}  // namespace AudioTest
