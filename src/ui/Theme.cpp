@@ -113,26 +113,25 @@ void paintSymbol(QPainter& p, Symbol symbol, const QRectF& r, const QColor& colo
         break;
     }
     case Symbol::hands: {
-        // Two raised palms with a spark: hands-free.
+        // A raised open hand with a spark: hands-free.
         p.setPen(Qt::NoPen);
         p.setBrush(color);
-        auto palm = [&](qreal x) {
-            p.drawRoundedRect(QRectF(x, 10, 7, 10), 3, 3);
-            for (int i = 0; i < 3; ++i)
-                p.drawRoundedRect(QRectF(x + 0.2 + i * 2.3, 4.5 + (i == 1 ? -1 : 0), 2, 8), 1, 1);
-        };
-        palm(3);
-        palm(14);
+        p.drawRoundedRect(QRectF(6.2, 10, 11.6, 11.5), 4.2, 4.2);
+        const qreal fingers[4][2] = {{6.2, 5.6}, {9.2, 3.2}, {12.2, 3.6}, {15.2, 6.0}};
+        for (const auto& f : fingers)
+            p.drawRoundedRect(QRectF(f[0], f[1], 2.6, 13 - f[1]), 1.3, 1.3);
+        p.save();
+        p.translate(6.8, 15.8);
+        p.rotate(-40);
+        p.drawRoundedRect(QRectF(-6.2, -1.4, 7, 2.8), 1.4, 1.4);
+        p.restore();
         QPainterPath spark;
-        spark.moveTo(12, 1);
-        spark.lineTo(12.8, 3.2);
-        spark.lineTo(15, 4);
-        spark.lineTo(12.8, 4.8);
-        spark.lineTo(12, 7);
-        spark.lineTo(11.2, 4.8);
-        spark.lineTo(9, 4);
-        spark.lineTo(11.2, 3.2);
-        spark.closeSubpath();
+        const QPointF c0(20.2, 4.2);
+        spark.moveTo(c0 + QPointF(0, -3.2));
+        spark.quadTo(c0, c0 + QPointF(3.2, 0));
+        spark.quadTo(c0, c0 + QPointF(0, 3.2));
+        spark.quadTo(c0, c0 + QPointF(-3.2, 0));
+        spark.quadTo(c0, c0 + QPointF(0, -3.2));
         p.drawPath(spark);
         break;
     }
