@@ -1,6 +1,7 @@
 #include "ui/TaskbarPresence.h"
 
 #include "storage/Preferences.h"
+#include "ui/x11/X11Desktop.h"
 
 #include <QList>
 #include <QPointer>
@@ -22,6 +23,8 @@ void setPresence(QWidget* window, bool showInTaskbar)
     const Qt::WindowType wanted = showInTaskbar ? Qt::Window : Qt::Tool;
     if (window->windowType() == wanted)
         return;
+    // Desktops that list tool (utility) windows still honour the explicit state.
+    X11Desktop::setSkipTaskbar(window, !showInTaskbar);
     const Qt::WindowFlags flags = (window->windowFlags() & ~Qt::WindowType_Mask) | wanted;
     if (QWindow* handle = window->windowHandle()) {
         // Changed in place: QWidget::setWindowFlags would re-create the native window, hiding it

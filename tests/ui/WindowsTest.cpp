@@ -17,17 +17,18 @@
 #include <QLabel>
 #include <QProcess>
 #include <QTest>
+#include <QWindow>
 
 using TestSupport::waitUntil;
 
 namespace {
 
-// The window types the X server holds for a window, as a window manager reads them.
+// The window type and state the X server holds for a window, as a window manager reads them.
 QString windowTypes(QWidget* window)
 {
     QProcess xprop;
     xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()),
-                                          QStringLiteral("_NET_WM_WINDOW_TYPE")});
+                                          QStringLiteral("_NET_WM_WINDOW_TYPE"), QStringLiteral("_NET_WM_STATE")});
     xprop.waitForFinished(5000);
     return QString::fromUtf8(xprop.readAllStandardOutput());
 }
@@ -114,13 +115,28 @@ private Q_SLOTS:
         QVERIFY(!Preferences::shared().showDockIcon());
         QCOMPARE(window->windowType(), Qt::Tool);
         QVERIFY(waitUntil([&] { return windowTypes(window).contains(QStringLiteral("_NET_WM_WINDOW_TYPE_UTILITY")); }));
+        QVERIFY(windowTypes(window).contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR")));
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
         QTest::qWait(400);
         QVERIFY(window->isVisible());
         QTest::mouseClick(window->findChild<ToggleSwitch*>(QStringLiteral("taskbarSwitch")), Qt::LeftButton);
         QCOMPARE(window->windowType(), Qt::Window);
         QVERIFY(waitUntil([&] { return !windowTypes(window).contains(QStringLiteral("_NET_WM_WINDOW_TYPE_UTILITY")); }));
+        QVERIFY(!windowTypes(window).contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR")));
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
+    }
+
+    void windowsBuiltWithTheTaskbarIconOffStayOutOfTheTaskbar()
+    {
+        Preferences::shared().setShowDockIcon(false);
+        AboutWindowController controller;
+        controller.show();
+        QWidget* window = controller.window();
+        QVERIFY(waitUntil([&] { return window->isVisible() && window->windowHandle()->isExposed(); }));
+        QCOMPARE(window->windowType(), Qt::Tool);
+        const QString props = windowTypes(window);
+        QVERIFY2(props.contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR")), qPrintable(props));
+        Preferences::shared().setShowDockIcon(true);
     }
 
     void armingTwiceLeavesOneEmptyWaitingModel()

@@ -85,6 +85,36 @@ void showOnAllDesktops(QWidget* window)
     XFlush(dpy);
 }
 
+void setSkipTaskbar(QWidget* window, bool skip)
+{
+    Display* dpy = display();
+    if (!dpy || !window)
+        return;
+    const Window w = static_cast<Window>(window->winId());
+    const Atom state = XInternAtom(dpy, "_NET_WM_STATE", False);
+    const Atom skipTaskbar = XInternAtom(dpy, "_NET_WM_STATE_SKIP_TASKBAR", False);
+
+    std::vector<Atom> atoms;
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(dpy, w, state, 0, 1024, False, XA_ATOM, &type, &format, &count, &after, &data) == Success &&
+        data) {
+        if (type == XA_ATOM && format == 32)
+            atoms.assign(reinterpret_cast<Atom*>(data), reinterpret_cast<Atom*>(data) + count);
+        XFree(data);
+    }
+    atoms.erase(std::remove(atoms.begin(), atoms.end(), skipTaskbar), atoms.end());
+    if (skip)
+        atoms.push_back(skipTaskbar);
+    XChangeProperty(dpy, w, state, XA_ATOM, 32, PropModeReplace, reinterpret_cast<const unsigned char*>(atoms.data()),
+                    static_cast<int>(atoms.size()));
+    if (window->isVisible())
+        sendToRoot(dpy, w, state, skip ? 1 : 0 /* add or remove */, static_cast<long>(skipTaskbar), 0);
+    XFlush(dpy);
+}
+
 bool compositingActive()
 {
     Display* dpy = display();

@@ -10,6 +10,8 @@ bool isX11();
 // keeps it out of the taskbar and pager. Before the first show the hints are set as properties; on a
 // shown window the window manager is asked with client messages as well.
 void showOnAllDesktops(QWidget* window);
+// Keeps a top-level window out of the taskbar (_NET_WM_STATE_SKIP_TASKBAR) or lets it back in.
+void setSkipTaskbar(QWidget* window, bool skip);
 // A compositing manager runs, so translucent window pixels are blended with what lies below.
 bool compositingActive();
 
