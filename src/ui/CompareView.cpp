@@ -38,6 +38,7 @@ CompareView::CompareView(CompareModel& model, QWidget* parent) : QWidget(parent)
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
     scroll->setWidgetResizable(true);
+    Theme::styleScrollBar(scroll);
     auto* content = new QWidget;
     auto* stack = new QVBoxLayout(content);
     stack->setContentsMargins(14, 14, 14, 14);

@@ -181,6 +181,7 @@ GeneralPane::GeneralPane(std::function<void()> reassert, SettingsServices servic
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
     scroll->setWidgetResizable(true);
+    Theme::styleScrollBar(scroll);
     scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     scroll->viewport()->setAutoFillBackground(false);
     outer->addWidget(scroll);

@@ -175,6 +175,7 @@ HistoryPane::HistoryPane(SettingsServices services, QWidget* parent)
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
     scroll->setWidgetResizable(true);
+    Theme::styleScrollBar(scroll);
     scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     auto* rows = new QWidget;
     rowsLayout_ = new QVBoxLayout(rows);

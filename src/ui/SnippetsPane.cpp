@@ -71,6 +71,7 @@ SnippetsPane::SnippetsPane(QWidget* parent)
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
     scroll->setWidgetResizable(true);
+    Theme::styleScrollBar(scroll);
     scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     rows_ = new QWidget;
     rowsLayout_ = new QVBoxLayout(rows_);

@@ -5,6 +5,8 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QPalette>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QWidget>
 
 #include <cmath>
@@ -265,6 +267,16 @@ QPixmap appIcon(int size, qreal dpr)
     }
     paintSymbol(p, Symbol::mic, QRectF(s * 0.26, s * 0.22, s * 0.48, s * 0.56), Qt::white);
     return pm;
+}
+
+void styleScrollBar(QScrollArea* area)
+{
+    area->verticalScrollBar()->setStyleSheet(QStringLiteral(
+        "QScrollBar:vertical { background: transparent; width: 10px; margin: 4px 2px 4px 0; }"
+        "QScrollBar::handle:vertical { background: rgba(0, 0, 0, 0.22); border-radius: 4px; min-height: 30px; }"
+        "QScrollBar::handle:vertical:hover { background: rgba(0, 0, 0, 0.35); }"
+        "QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; }"
+        "QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: transparent; }"));
 }
 
 QWidget* makeDivider(QWidget* parent)

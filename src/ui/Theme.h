@@ -7,6 +7,7 @@
 #include <QRectF>
 
 class QPainter;
+class QScrollArea;
 class QWidget;
 
 // The accent colour: the pill's bars and ring, the tray icon, highlights in the windows.
@@ -52,6 +53,9 @@ QIcon symbolIcon(Symbol symbol, const QColor& color, int size);
 
 // The application icon: a green rounded square with a white microphone and sound waves.
 QPixmap appIcon(int size, qreal devicePixelRatio = 1.0);
+
+// A slim, rounded vertical scroll bar for a scroll area, as the panes use.
+void styleScrollBar(QScrollArea* area);
 
 // A one-pixel separator line in the neutral colour.
 QWidget* makeDivider(QWidget* parent = nullptr);
