@@ -1,3 +1,4 @@
+#include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
 #include "storage/Diagnostics.h"
 #include "ui/ScreenshotMode.h"
@@ -50,6 +51,8 @@ int main(int argc, char** argv)
         QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
         return ScreenshotMode::run(cl.argument.isEmpty() ? ScreenshotMode::defaultOutputDir : cl.argument);
     }
+    case CommandLine::Action::cleanup:
+        return runCleanupCommand(argc, argv, cl.argument);
     default:
         break;
     }
