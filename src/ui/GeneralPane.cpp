@@ -497,8 +497,11 @@ void GeneralPane::checkCleanupModel()
                        } else {
                            paint(Theme::systemOrange());
                            QString text = QStringLiteral("Not available");
-                           if (!a.reason.isEmpty())
-                               text += QStringLiteral(": ") + a.reason;
+                           QString reason = a.reason.trimmed();
+                           while (reason.endsWith(QLatin1Char('.')))
+                               reason.chop(1);
+                           if (!reason.isEmpty())
+                               text += QStringLiteral(": ") + reason;
                            modelStatus_->setText(text + QStringLiteral(". Cleanup keeps the raw text."));
                        }
                    });
