@@ -110,7 +110,7 @@ HistoryPane::HistoryPane(SettingsServices services, QWidget* parent)
     auto* buttons = new QWidget;
     buttons->setObjectName(QStringLiteral("stepperButtons"));
     buttons->setStyleSheet(QStringLiteral(
-        "#stepperButtons QToolButton { border: 1px solid rgba(128,128,128,0.45); background: rgba(255,255,255,0.7);"
+        "#stepperButtons QToolButton { border: 1px solid rgba(128,128,128,0.45); background: palette(button);"
         " min-width: 20px; max-width: 20px; min-height: 18px; max-height: 18px; padding: 0; }"
         "#stepperButtons QToolButton:pressed { background: rgba(128,128,128,0.25); }"
         "#stepperButtons QToolButton:disabled { color: rgba(128,128,128,0.6); }"

@@ -85,6 +85,8 @@ SettingsView::SettingsView(std::function<void()> reassert, Pane initialPane, Set
 
 void SettingsView::setPane(Pane pane)
 {
+    if (pane == pane_ && paneWidget_)
+        return;  // the chosen tab again: its pane stays as it is
     pane_ = pane;
     showPane();
 }
@@ -111,4 +113,5 @@ void SettingsView::showPane()
         break;
     }
     paneHolder_->addWidget(paneWidget_);
+    paneWidget_->show();
 }

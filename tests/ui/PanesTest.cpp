@@ -8,6 +8,8 @@
 #include "ui/GeneralPane.h"
 #include "ui/HistoryPane.h"
 #include "ui/HotkeyTester.h"
+#include "ui/SettingsView.h"
+#include "ui/TabPill.h"
 #include "ui/SnippetsPane.h"
 #include "ui/ToggleSwitch.h"
 
@@ -137,6 +139,21 @@ private Q_SLOTS:
         QTest::mouseClick(visibleChildren<QToolButton>(&pane, QStringLiteral("deleteSnippetButton")).first(), Qt::LeftButton);
         QVERIFY(SnippetStore::load().isEmpty());
         QCOMPARE(visibleChildren<QLabel>(&pane, QStringLiteral("emptySnippetsText")).size(), 1);
+    }
+
+    void choosingATabAgainReReadsItsData()
+    {
+        SettingsView view({}, SettingsView::Pane::snippets);
+        view.show();
+        QVERIFY(qobject_cast<SnippetsPane*>(view.paneWidget())->snippets().isEmpty());
+        SnippetStore::save({Snippet{QUuid::createUuid(), QStringLiteral("t"), QStringLiteral("r")}});
+        QTest::mouseClick(view.tabPill(SettingsView::Pane::snippets), Qt::LeftButton);  // already chosen: kept
+        QVERIFY(qobject_cast<SnippetsPane*>(view.paneWidget())->snippets().isEmpty());
+        QTest::mouseClick(view.tabPill(SettingsView::Pane::general), Qt::LeftButton);
+        QVERIFY(qobject_cast<GeneralPane*>(view.paneWidget()));
+        QTest::mouseClick(view.tabPill(SettingsView::Pane::snippets), Qt::LeftButton);
+        QCOMPARE(triggers(qobject_cast<SnippetsPane*>(view.paneWidget())->snippets()), QStringList{QStringLiteral("t")});
+        QCOMPARE(visibleChildren<QWidget>(&view, QStringLiteral("snippetRow")).size(), 1);
     }
 
     void historyListsNewestFirstAndClearAsksFirst()

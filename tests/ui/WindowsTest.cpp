@@ -11,6 +11,7 @@
 #include "ui/SettingsView.h"
 #include "ui/SettingsWindowController.h"
 #include "ui/TabPill.h"
+#include "ui/Theme.h"
 #include "ui/ToggleSwitch.h"
 
 #include <QApplication>
@@ -148,8 +149,12 @@ private Q_SLOTS:
         QCOMPARE(window->windowTitle(), QStringLiteral("Compare Cleanup Modes"));
         QVERIFY(window->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
         auto* view = window->findChild<CompareView*>();
-        for (int i = 0; i < 4; ++i)
+        const auto colour = [](QWidget* w) { return w->palette().color(QPalette::WindowText); };
+        for (int i = 0; i < 4; ++i) {
             QCOMPARE(view->body(i)->text(), QStringLiteral("…"));
+            QCOMPARE(colour(view->body(i)), Theme::secondaryText());
+        }
+        QCOMPARE(colour(view->statusLabel()), Theme::primaryText());
 
         CompareModel& model = controller.model();
         model.setArmed(false);
@@ -159,7 +164,9 @@ private Q_SLOTS:
         model.setBullets(QStringLiteral("- words"));
         model.setSummary(QStringLiteral("Words."));
         QCOMPARE(view->body(0)->text(), QStringLiteral("raw words"));
+        QCOMPARE(colour(view->body(0)), Theme::primaryText());
         QCOMPARE(view->statusLabel()->text(), QStringLiteral("Done."));
+        QCOMPARE(colour(view->statusLabel()), Theme::secondaryText());
 
         window->close();
         controller.arm();
