@@ -332,6 +332,7 @@ QWidget* GeneralPane::buildCleanupModel()
         edit->setFont(Theme::font(Theme::TextStyle::body));
         edit->setMinimumWidth(250);
         edit->setClearButtonEnabled(true);
+        Theme::styleField(edit);
         return edit;
     };
     endpointField_ = field(Preferences::shared().value(Settings::llmEndpoint),

@@ -49,6 +49,7 @@ SnippetsPane::SnippetsPane(QWidget* parent)
     replacement_->setPlaceholderText(QStringLiteral("Replacement"));
     for (QLineEdit* field : {trigger_, replacement_}) {
         field->setFont(Theme::font(Theme::TextStyle::body));
+        Theme::styleField(field);
         addRow->addWidget(field, 1);
     }
     QToolButton* addButton = symbolButton(Theme::Symbol::plusCircle, brandGreen(), 20, QStringLiteral("Add snippet"));

@@ -4,6 +4,7 @@
 #include <QFontDatabase>
 #include <QPainter>
 #include <QPainterPath>
+#include <QLineEdit>
 #include <QPalette>
 #include <QScrollArea>
 #include <QScrollBar>
@@ -267,6 +268,17 @@ QPixmap appIcon(int size, qreal dpr)
     }
     paintSymbol(p, Symbol::mic, QRectF(s * 0.26, s * 0.22, s * 0.48, s * 0.56), Qt::white);
     return pm;
+}
+
+void styleField(QLineEdit* field)
+{
+    const QColor green = brandGreen();
+    field->setStyleSheet(QStringLiteral("QLineEdit { border: 1px solid rgba(128, 128, 128, 0.45); border-radius: 6px;"
+                                        " padding: 4px 7px; background: palette(base); }"
+                                        "QLineEdit:focus { border: 1px solid rgb(%1, %2, %3); }")
+                             .arg(green.red())
+                             .arg(green.green())
+                             .arg(green.blue()));
 }
 
 void styleScrollBar(QScrollArea* area)

@@ -7,6 +7,7 @@
 #include <QRectF>
 
 class QPainter;
+class QLineEdit;
 class QScrollArea;
 class QWidget;
 
@@ -53,6 +54,9 @@ QIcon symbolIcon(Symbol symbol, const QColor& color, int size);
 
 // The application icon: a green rounded square with a white microphone and sound waves.
 QPixmap appIcon(int size, qreal devicePixelRatio = 1.0);
+
+// A text field with a rounded border that turns brand green while it has the focus.
+void styleField(QLineEdit* field);
 
 // A slim, rounded vertical scroll bar for a scroll area, as the panes use.
 void styleScrollBar(QScrollArea* area);
