@@ -20,6 +20,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QProcess>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
@@ -297,6 +298,24 @@ private Q_SLOTS:
         window.hide();
         sendKey(&window, QEvent::KeyPress, 105);
         QVERIFY(!tester->detected());
+    }
+
+    void testerSeesRealKeysFromTheXServer()
+    {
+        QWidget window;
+        window.resize(300, 60);
+        auto* tester = new HotkeyTester(ActivationKey::rightControl, &window);
+        window.show();
+        window.activateWindow();
+        QVERIFY(waitUntil([&] { return window.isActiveWindow(); }));
+        const auto press = [](const char* keysym) {
+            return QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("key"), QString::fromLatin1(keysym)});
+        };
+        QCOMPARE(press("Control_L"), 0);
+        QTest::qWait(300);
+        QVERIFY(!tester->detected());
+        QCOMPARE(press("Control_R"), 0);
+        QVERIFY(waitUntil([&] { return tester->detected(); }));
     }
 
     void generalPaneCleanupRowAndHowToFollowTheControls()
