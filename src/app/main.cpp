@@ -42,9 +42,7 @@ int main(int argc, char** argv)
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
     case CommandLine::Action::shots: {
-        // Renders without any display when there is none.
-        if (!graphicalSessionAvailable())
-            qputenv("QT_QPA_PLATFORM", "offscreen");
+        ScreenshotMode::preparePlatform();  // offscreen when no display answers
         QApplication app(argc, argv);
         QCoreApplication::setApplicationName(QStringLiteral("Tolvane"));
         QCoreApplication::setOrganizationName(QStringLiteral("Tolvane"));

@@ -128,6 +128,7 @@ QWidget* switchRow(const QString& title, const QString& subtitle, ToggleSwitch* 
     h->addWidget(titleBlock(title, subtitle));
     h->addStretch(1);
     h->addWidget(toggle, 0, Qt::AlignVCenter);
+    toggle->setAccessibleName(title);
     return row;
 }
 
@@ -233,6 +234,7 @@ QWidget* GeneralPane::buildLanguage()
                             QStringLiteral("On-device model · downloads once per language")));
     h->addStretch(1);
     localePicker_ = makePicker("languagePicker");
+    localePicker_->setAccessibleName(QStringLiteral("Transcription language"));
     h->addWidget(localePicker_);
     v->addLayout(h);
     fillLocalePicker();
@@ -254,6 +256,7 @@ QWidget* GeneralPane::buildShortcut()
     h->addWidget(textLabel(QStringLiteral("Activation key"), Theme::TextStyle::body, Theme::primaryText()));
     h->addStretch(1);
     keyPicker_ = makePicker("activationKeyPicker");
+    keyPicker_->setAccessibleName(QStringLiteral("Activation key"));
     for (ActivationKey key : ActivationKeys::allCases)
         keyPicker_->addItem(ActivationKeys::label(key), ActivationKeys::rawValue(key));
     keyPicker_->setCurrentIndex(static_cast<int>(activationKey_));
@@ -303,6 +306,7 @@ QWidget* GeneralPane::buildOutput()
     cleanupCaption_->setObjectName(QStringLiteral("cleanupCaption"));
     h->addStretch(1);
     cleanupPicker_ = makePicker("cleanupPicker");
+    cleanupPicker_->setAccessibleName(QStringLiteral("Cleanup"));
     for (CleanupMode mode : CleanupModes::allCases)
         cleanupPicker_->addItem(CleanupModes::label(mode), CleanupModes::rawValue(mode));
     cleanupPicker_->setCurrentIndex(static_cast<int>(cleanupMode_));

@@ -83,6 +83,7 @@ HistoryPane::HistoryPane(SettingsServices services, QWidget* parent)
     saveRow->addStretch(1);
     enabledSwitch_ = new ToggleSwitch;
     enabledSwitch_->setObjectName(QStringLiteral("historyEnabledSwitch"));
+    enabledSwitch_->setAccessibleName(QStringLiteral("Save transcripts"));
     enabledSwitch_->setChecked(historyEnabled_);
     saveRow->addWidget(enabledSwitch_);
     cardLayout->addLayout(saveRow);

@@ -6,6 +6,7 @@
 #include "ui/AboutView.h"
 #include "ui/SettingsView.h"
 #include "ui/Theme.h"
+#include "ui/x11/X11Desktop.h"
 
 #include <QApplication>
 #include <QDateTime>
@@ -140,6 +141,14 @@ QPalette lightPalette()
 }
 
 }  // namespace
+
+void preparePlatform()
+{
+    if (qEnvironmentVariableIsSet("QT_QPA_PLATFORM") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY"))
+        return;
+    if (!X11Desktop::canOpenDisplay(qgetenv("DISPLAY")))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+}
 
 int run(const QString& outputDir)
 {

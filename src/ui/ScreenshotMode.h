@@ -10,6 +10,10 @@ namespace ScreenshotMode {
 
 inline const QString defaultOutputDir = QStringLiteral("marketing");
 
+// Before the QApplication is made: renders offscreen unless a platform was chosen or a display
+// answers, so the mode works on machines without any screen.
+void preparePlatform();
+
 // Writes settings-general.png, settings-snippets.png, settings-history.png and about.png into
 // outputDir, printing one line per file and a final one. Returns the process exit status.
 int run(const QString& outputDir);

@@ -18,13 +18,15 @@ struct Run {
     QStringList lines;
 };
 
-Run runShots(const QStringList& arguments, const QString& workingDirectory)
+Run runShots(const QStringList& arguments, const QString& workingDirectory, const QString& display = QString())
 {
     QProcess process;
     // The program chooses its platform itself: the X server when the run has one (the XVFB variant
     // of this test), otherwise offscreen rendering.
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    if (!display.isEmpty())
+        env.insert(QStringLiteral("DISPLAY"), display);
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(workingDirectory);
     process.start(QStringLiteral(TOLVANE_BINARY), QStringList{QStringLiteral("--shots")} + arguments);
@@ -112,6 +114,17 @@ private Q_SLOTS:
             QVERIFY(QFile::exists(dir.path() + QStringLiteral("/marketing/") + QLatin1String(name)));
         QVERIFY(!Preferences::shared().dataValue(QStringLiteral("snippets")));
         QVERIFY(SnippetStore::load().isEmpty());
+    }
+
+    void aDisplayThatDoesNotAnswerFallsBackToOffscreen()
+    {
+        if (qEnvironmentVariableIsSet("DISPLAY"))
+            QSKIP("the variant without an X server covers this");
+        QTemporaryDir dir;
+        const Run run = runShots({dir.path()}, dir.path(), QStringLiteral(":7391"));
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.lines.size(), 5);
+        QVERIFY(!QImage(dir.path() + QStringLiteral("/about.png")).isNull());
     }
 };
 

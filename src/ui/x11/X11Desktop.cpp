@@ -1,5 +1,6 @@
 #include "ui/x11/X11Desktop.h"
 
+#include <QByteArray>
 #include <QGuiApplication>
 #include <QWidget>
 #include <QtGui/qguiapplication_platform.h>
@@ -91,6 +92,17 @@ void showOnAllDesktops(QWidget* window)
         sendToRoot(dpy, w, state, 1, static_cast<long>(wanted[1]), static_cast<long>(wanted[2]));
     }
     XFlush(dpy);
+}
+
+bool canOpenDisplay(const QByteArray& name)
+{
+    if (name.isEmpty())
+        return false;
+    Display* dpy = XOpenDisplay(name.constData());
+    if (!dpy)
+        return false;
+    XCloseDisplay(dpy);
+    return true;
 }
 
 void setSkipTaskbar(QWidget* window, bool skip)
