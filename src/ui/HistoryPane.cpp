@@ -211,7 +211,17 @@ void HistoryPane::copy(const TranscriptEntry& entry)
     clipboard->clear();
     clipboard->setText(entry.text);
     copiedID_ = entry.id;
-    rebuildList();
+    updateCopyMarks();  // in place, so the list keeps its scroll position
+}
+
+void HistoryPane::updateCopyMarks()
+{
+    for (qsizetype i = 0; i < copyButtons_.size() && i < entries_.size(); ++i) {
+        const bool copied = copiedID_ && *copiedID_ == entries_[i].id;
+        QToolButton* b = copyButtons_[i];
+        b->setText(copied ? QStringLiteral("Copied") : QStringLiteral("Copy"));
+        b->setIcon(Theme::symbolIcon(copied ? Theme::Symbol::checkmark : Theme::Symbol::docOnDoc, brandGreen(), 14));
+    }
 }
 
 void HistoryPane::setRetention(int count)
@@ -295,9 +305,7 @@ void HistoryPane::rebuildList()
         date->setObjectName(QStringLiteral("historyDate"));
         top->addWidget(date);
         top->addStretch(1);
-        const bool copied = copiedID_ && *copiedID_ == entry.id;
-        QToolButton* copy = borderlessButton(copied ? QStringLiteral("Copied") : QStringLiteral("Copy"),
-                                             copied ? Theme::Symbol::checkmark : Theme::Symbol::docOnDoc, brandGreen(),
+        QToolButton* copy = borderlessButton(QStringLiteral("Copy"), Theme::Symbol::docOnDoc, brandGreen(),
                                              Theme::font(Theme::TextStyle::caption, QFont::Medium));
         copy->setObjectName(QStringLiteral("copyButton"));
         connect(copy, &QToolButton::clicked, this, [this, entry] { this->copy(entry); });
@@ -315,5 +323,6 @@ void HistoryPane::rebuildList()
         row->show();
     }
     rowsLayout_->addStretch(1);
+    updateCopyMarks();
     stack_->setCurrentIndex(entries_.isEmpty() ? 0 : 1);
 }

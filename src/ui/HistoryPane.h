@@ -42,6 +42,7 @@ protected:
 private:
     void rebuildList();
     void updateSettingsRows();
+    void updateCopyMarks();
 
     SettingsServices services_;
     QList<TranscriptEntry> entries_;
