@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QSaveFile>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -97,6 +98,8 @@ private:
     std::thread thread_;
 };
 
+std::atomic<bool> mirrored{true};
+
 Writer& writer()
 {
     static Writer instance;
@@ -126,12 +129,16 @@ void log(const QString& message, const char* file, int line)
         QString text = stamp + QStringLiteral(" [") + sourceName(file) + QLatin1Char(':') + QString::number(line)
                        + QStringLiteral("] ") + message + QLatin1Char('\n');
         writer().enqueue(text.toUtf8());
-        const QByteArray mirror = QStringLiteral("Tolvane: %1\n").arg(message).toUtf8();
-        std::fwrite(mirror.constData(), 1, static_cast<size_t>(mirror.size()), stderr);
+        if (mirrored.load(std::memory_order_relaxed)) {
+            const QByteArray mirror = QStringLiteral("Tolvane: %1\n").arg(message).toUtf8();
+            std::fwrite(mirror.constData(), 1, static_cast<size_t>(mirror.size()), stderr);
+        }
     } catch (...) {
         // Logging must never take the caller down.
     }
 }
+
+void setMirrored(bool on) { mirrored.store(on, std::memory_order_relaxed); }
 
 QString logFilePath() { return writer().path(); }
 

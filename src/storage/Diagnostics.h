@@ -16,8 +16,15 @@ void log(const QString& message, const char* file = std::source_location::curren
 // The "Name:57" field for a source path: last path component without its extension.
 QString sourceName(const char* file);
 
+// "true" or "false", as log lines spell flags.
+inline QString boolText(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
+
 // Where the log lives (creates the folder the first time it is asked).
 QString logFilePath();
+
+// Whether lines are also mirrored to standard error (on by default). Command-line modes whose
+// standard error is their user interface turn it off; the file still gets every line.
+void setMirrored(bool on);
 
 // Blocks until every line handed over so far is on disk. For tests and orderly shutdown.
 void flush();

@@ -1,0 +1,147 @@
+#include "BenchSpeech.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace BenchSpeech {
+
+namespace {
+
+const QStringList kSentences{
+    QStringLiteral("please pick up milk eggs spinach and coffee on the way home"),
+    QStringLiteral("the meeting has been moved to thursday afternoon at three"),
+    QStringLiteral("remind me to call the dentist tomorrow morning"),
+    QStringLiteral("send the report to the whole team before friday"),
+    QStringLiteral("i think we should book the hotel near the station"),
+    QStringLiteral("can you check whether the new version is ready for testing"),
+    QStringLiteral("the weather is supposed to be cold and windy all week"),
+    QStringLiteral("add a note that the kitchen window needs to be repaired"),
+    QStringLiteral("thank you for your help with the project last month"),
+    QStringLiteral("we are running late so please start without us"),
+    QStringLiteral("turn left at the second light and park behind the library"),
+    QStringLiteral("my flight lands at seven in the evening so i will take a taxi"),
+};
+
+bool run(const QString& program, const QStringList& args, const QByteArray& input = QByteArray())
+{
+    QProcess p;
+    p.start(program, args);
+    if (!p.waitForStarted())
+        return false;
+    p.write(input);
+    p.closeWriteChannel();
+    return p.waitForFinished(300000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+}
+
+}  // namespace
+
+std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, double tailSeconds)
+{
+    QDir().mkpath(cacheDir);
+    std::vector<Recording> out;
+    const QString lead = QString::number(leadSeconds);
+    const QString tail = QString::number(tailSeconds);
+    for (int i = 0; i < kSentences.size(); ++i) {
+        const QString base = QDir(cacheDir).filePath(QStringLiteral("s%1").arg(i, 2, 10, QLatin1Char('0')));
+        const QString voice = base + QStringLiteral("-voice.wav");
+        if (!QFileInfo::exists(voice)
+            && !run(QStringLiteral("text2wave"),
+                    {QStringLiteral("-eval"), QStringLiteral("(voice_cmu_us_slt_arctic_hts)"), QStringLiteral("-o"), voice},
+                    kSentences[i].toUtf8()))
+            qFatal("text2wave failed: install festival and festvox-us-slt-hts");
+        Recording r;
+        r.text = kSentences[i];
+        r.wavPath = base + QStringLiteral("-%1-%2-48k.wav").arg(lead, tail);
+        const QString raw = base + QStringLiteral("-%1-%2-16k.raw").arg(lead, tail);
+        const QStringList pad{QStringLiteral("pad"), lead, tail};
+        if (!QFileInfo::exists(r.wavPath)
+            && !run(QStringLiteral("sox"), QStringList{voice, QStringLiteral("-r"), QStringLiteral("48000"), r.wavPath} + pad))
+            qFatal("sox failed: install sox");
+        if (!QFileInfo::exists(raw)
+            && !run(QStringLiteral("sox"), QStringList{voice, QStringLiteral("-t"), QStringLiteral("raw"), QStringLiteral("-e"),
+                                                      QStringLiteral("floating-point"), QStringLiteral("-b"), QStringLiteral("32"),
+                                                      QStringLiteral("-r"), QStringLiteral("16000"), QStringLiteral("-c"),
+                                                      QStringLiteral("1"), raw} + pad))
+            qFatal("sox failed: install sox");
+        QFile f(raw);
+        if (!f.open(QIODevice::ReadOnly))
+            qFatal("cannot read %s", qPrintable(raw));
+        const QByteArray bytes = f.readAll();
+        r.mono16k.resize(static_cast<size_t>(bytes.size()) / sizeof(float));
+        std::memcpy(r.mono16k.data(), bytes.constData(), r.mono16k.size() * sizeof(float));
+        r.seconds = static_cast<double>(r.mono16k.size()) / 16000.0;
+        out.push_back(std::move(r));
+    }
+    return out;
+}
+
+QStringList words(const QString& text)
+{
+    static const QRegularExpression nonWord(QStringLiteral("[^a-z' ]"));
+    return text.toLower().replace(nonWord, QStringLiteral(" ")).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+int wordErrors(const QStringList& reference, const QStringList& hypothesis)
+{
+    std::vector<int> row(static_cast<size_t>(hypothesis.size()) + 1);
+    for (size_t j = 0; j < row.size(); ++j)
+        row[j] = static_cast<int>(j);
+    for (qsizetype i = 1; i <= reference.size(); ++i) {
+        int diagonal = row[0];
+        row[0] = static_cast<int>(i);
+        for (qsizetype j = 1; j <= hypothesis.size(); ++j) {
+            const int above = row[static_cast<size_t>(j)];
+            const int substitution = diagonal + (reference[i - 1] == hypothesis[j - 1] ? 0 : 1);
+            row[static_cast<size_t>(j)] = std::min({above + 1, row[static_cast<size_t>(j - 1)] + 1, substitution});
+            diagonal = above;
+        }
+    }
+    return row.back();
+}
+
+double median(std::vector<double> values) { return percentile(std::move(values), 50); }
+
+double percentile(std::vector<double> values, double p)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const auto rank = static_cast<size_t>(std::ceil(p / 100.0 * static_cast<double>(values.size())));
+    return values[std::clamp<size_t>(rank, 1, values.size()) - 1];
+}
+
+double cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+namespace {
+double statusMB(const char* field)
+{
+    QFile f(QStringLiteral("/proc/self/status"));
+    if (!f.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray& line : f.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(static_cast<qsizetype>(std::strlen(field))).trimmed().split(' ').first().toDouble() / 1024.0;
+    }
+    return 0;
+}
+}  // namespace
+
+double residentMB() { return statusMB("VmRSS:"); }
+double peakResidentMB() { return statusMB("VmHWM:"); }
+
+}  // namespace BenchSpeech

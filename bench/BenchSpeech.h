@@ -1,0 +1,36 @@
+#pragma once
+
+// What the speech benchmarks share: the spoken sentences (synthesised once with festival's HTS
+// voice and kept in a cache folder), word error counting and small statistics.
+
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+namespace BenchSpeech {
+
+struct Recording {
+    QString text;
+    QString wavPath;             // 48 kHz mono, as a microphone delivers
+    std::vector<float> mono16k;  // the same speech at 16 kHz, for feeding an engine directly
+    double seconds = 0;
+};
+
+// The benchmark sentences, synthesised into `cacheDir` on first use, with `leadSeconds` of silence
+// before and `tailSeconds` after the words (the pause before the key comes up).
+std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds = 0.3, double tailSeconds = 0.3);
+
+QStringList words(const QString& text);
+// Word-level edit distance between reference and hypothesis.
+int wordErrors(const QStringList& reference, const QStringList& hypothesis);
+
+double median(std::vector<double> values);
+double percentile(std::vector<double> values, double p);  // nearest rank, p in 0..100
+
+// Process CPU time in seconds, and resident / peak resident memory in MB.
+double cpuSeconds();
+double residentMB();
+double peakResidentMB();
+
+}  // namespace BenchSpeech

@@ -1,0 +1,224 @@
+// The speech path as a dictation runs it, in simulated real time: each sentence is played by a
+// file source paced like a microphone (48 kHz blocks of 1024 frames), converted, and transcribed
+// by TranscriberController; finish() is called when the last block has been delivered. The same
+// sentences then go through the bare pocketsphinx decoder (same model and settings, 16 kHz blocks
+// of the same duration, same pacing) in a child process, so each side's memory is its own.
+//
+// Reported for both: real-time factor (process CPU time / audio time), time from the last audio
+// block to the final text (median, 95th percentile), peak resident memory, word errors.
+//
+//   bench_transcriber [cache-folder]
+
+#include "BenchSpeech.h"
+
+#include "audio/AudioEngineController.h"
+#include "audio/FileSource.h"
+#include "speech/PocketsphinxEngine.h"
+#include "speech/TranscriberController.h"
+#include "storage/Diagnostics.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+
+#include <pocketsphinx.h>
+#include <sphinxbase/err.h>
+
+#include <qcoro/qcorosignal.h>
+#include <qcoro/qcorotask.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Result {
+    double rtf = 0;
+    double endP50 = 0;
+    double endP95 = 0;
+    double peakMB = 0;
+    double werPercent = 0;
+
+    QJsonObject toJson() const
+    {
+        return {{QStringLiteral("rtf"), rtf}, {QStringLiteral("endP50"), endP50}, {QStringLiteral("endP95"), endP95},
+                {QStringLiteral("peakMB"), peakMB}, {QStringLiteral("wer"), werPercent}};
+    }
+    static Result fromJson(const QJsonObject& o)
+    {
+        return {o.value(QStringLiteral("rtf")).toDouble(), o.value(QStringLiteral("endP50")).toDouble(),
+                o.value(QStringLiteral("endP95")).toDouble(), o.value(QStringLiteral("peakMB")).toDouble(),
+                o.value(QStringLiteral("wer")).toDouble()};
+    }
+};
+
+struct Tally {
+    std::vector<double> ends;
+    int errors = 0;
+    int words = 0;
+    double seconds = 0;
+
+    void add(const BenchSpeech::Recording& r, const QString& heard, double endMs)
+    {
+        const QStringList reference = BenchSpeech::words(r.text);
+        errors += BenchSpeech::wordErrors(reference, BenchSpeech::words(heard));
+        words += static_cast<int>(reference.size());
+        seconds += r.seconds;
+        ends.push_back(endMs);
+    }
+    Result result(double cpu) const
+    {
+        return {cpu / seconds, BenchSpeech::median(ends), BenchSpeech::percentile(ends, 95), BenchSpeech::peakResidentMB(),
+                100.0 * errors / words};
+    }
+};
+
+QCoro::Task<Result> realPath(std::vector<BenchSpeech::Recording> recordings)
+{
+    TranscriberController transcriber;
+    QCoro::Task<void> preparing = transcriber.prepare(QStringLiteral("en-US"));
+    co_await preparing;
+    std::atomic<Clock::rep> lastBlock{0};
+    Tally tally;
+    const double cpu0 = BenchSpeech::cpuSeconds();
+    for (const auto& r : recordings) {
+        auto* source = new FileSource(r.wavPath, FileSource::Pacing::realTime);
+        AudioEngineController audio{std::unique_ptr<CaptureSource>(source)};
+        audio.setTargetFormat(transcriber.analyzerFormat());
+        audio.onBuffer = [&transcriber, &lastBlock](AudioBuffer buffer) {
+            if (const auto input = transcriber.inputContinuation())
+                input->yield(std::move(buffer));
+            lastBlock.store(Clock::now().time_since_epoch().count());
+        };
+        QCoro::Task<void> starting = transcriber.start();
+        co_await starting;
+        audio.start();
+        co_await qCoro(source, &FileSource::finished);
+        audio.stop();
+        QCoro::Task<QString> finishing = transcriber.finish();
+        const QString heard = co_await finishing;
+        const Clock::time_point last{Clock::duration(lastBlock.load())};
+        tally.add(r, heard, std::chrono::duration<double, std::milli>(Clock::now() - last).count());
+    }
+    co_return tally.result(BenchSpeech::cpuSeconds() - cpu0);
+}
+
+Result bareEngine(const std::vector<BenchSpeech::Recording>& recordings)
+{
+    err_set_logfp(nullptr);
+    const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
+    QStringList args = PocketsphinxEngine::decoderArguments(*model, PocketsphinxEngine::Settings());
+    args.prepend(QStringLiteral("bench"));
+    std::vector<QByteArray> bytes;
+    for (const QString& a : args)
+        bytes.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& b : bytes)
+        argv.push_back(b.data());
+    cmd_ln_t* config = cmd_ln_parse_r(nullptr, ps_args(), static_cast<int32>(argv.size()), argv.data(), FALSE);
+    ps_decoder_t* ps = ps_init(config);
+    cmd_ln_free_r(config);
+
+    // 341 samples at 16 kHz last as long as a 1024-frame block at 48 kHz.
+    constexpr size_t block = 341;
+    const auto blockDuration = std::chrono::duration<double>(1024.0 / 48000.0);
+    Tally tally;
+    const double cpu0 = BenchSpeech::cpuSeconds();
+    for (const auto& r : recordings) {
+        std::vector<int16> pcm(r.mono16k.size());
+        for (size_t i = 0; i < pcm.size(); ++i)
+            pcm[i] = static_cast<int16>(std::lrint(std::clamp(r.mono16k[i], -1.0f, 1.0f) * 32767.0f));
+        QStringList heard;
+        ps_start_stream(ps);
+        ps_start_utt(ps);
+        bool inSegment = false;
+        const auto start = Clock::now();
+        Clock::time_point arrived;
+        size_t n = 0;
+        for (size_t at = 0; at < pcm.size(); at += block, ++n) {
+            arrived = start + std::chrono::duration_cast<Clock::duration>(blockDuration * static_cast<double>(n + 1));
+            std::this_thread::sleep_until(arrived);
+            ps_process_raw(ps, pcm.data() + at, std::min(block, pcm.size() - at), FALSE, FALSE);
+            if (ps_get_in_speech(ps)) {
+                inSegment = true;
+                ps_get_hyp(ps, nullptr);  // the partial hypothesis the engine reports
+            } else if (inSegment) {
+                ps_end_utt(ps);
+                if (const char* hyp = ps_get_hyp(ps, nullptr))
+                    heard << QString::fromUtf8(hyp);
+                ps_start_utt(ps);
+                inSegment = false;
+            }
+        }
+        ps_end_utt(ps);
+        if (const char* hyp = ps_get_hyp(ps, nullptr))
+            heard << QString::fromUtf8(hyp);
+        tally.add(r, heard.join(QLatin1Char(' ')), std::chrono::duration<double, std::milli>(Clock::now() - arrived).count());
+    }
+    const Result result = tally.result(BenchSpeech::cpuSeconds() - cpu0);
+    ps_free(ps);
+    return result;
+}
+
+void printRow(const char* name, const Result& r)
+{
+    std::printf("%-28s %6.3f %9.1fms %9.1fms %8.0fMB %7.1f\n", name, r.rtf, r.endP50, r.endP95, r.peakMB, r.werPercent);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    Diagnostics::setMirrored(false);
+    const QStringList args = app.arguments();
+    const bool bare = args.contains(QStringLiteral("--bare"));
+    QString cache = QDir::tempPath() + QStringLiteral("/tolvane-bench-speech");
+    for (const QString& a : args.mid(1)) {
+        if (!a.startsWith(QLatin1String("--")))
+            cache = a;
+    }
+    const auto recordings = BenchSpeech::recordings(cache);
+
+    if (bare) {
+        const QByteArray json = QJsonDocument(bareEngine(recordings).toJson()).toJson(QJsonDocument::Compact);
+        std::printf("%s\n", json.constData());
+        return 0;
+    }
+
+    Result ours;
+    bool done = false;
+    auto runner = [](std::vector<BenchSpeech::Recording> r, Result& out, bool& flag) -> QCoro::Task<> {
+        QCoro::Task<Result> task = realPath(std::move(r));
+        out = co_await task;
+        flag = true;
+        QCoreApplication::exit(0);
+    };
+    QCoro::Task<> running = runner(recordings, ours, done);
+    if (!done)
+        app.exec();
+
+    QProcess child;
+    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--bare"), cache});
+    if (!child.waitForFinished(600000) || child.exitCode() != 0)
+        qFatal("the bare-engine run failed");
+    const Result bareResult = Result::fromJson(QJsonDocument::fromJson(child.readAllStandardOutput().trimmed()).object());
+
+    double seconds = 0;
+    for (const auto& r : recordings)
+        seconds += r.seconds;
+    std::printf("%zu sentences, %.1f s of audio in simulated real time, %u cores\n\n", recordings.size(), seconds,
+                std::thread::hardware_concurrency());
+    std::printf("%-28s %6s %11s %11s %10s %7s\n", "", "RTF", "end p50", "end p95", "peak RSS", "WER %");
+    printRow("Tolvane path (48 kHz file)", ours);
+    printRow("bare pocketsphinx (16 kHz)", bareResult);
+    std::printf("\nRTF ratio %.2f (target <= 1.2); end p50 %.1f ms (target <= 100 ms)\n", ours.rtf / bareResult.rtf, ours.endP50);
+    return 0;
+}

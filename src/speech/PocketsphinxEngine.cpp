@@ -1,0 +1,223 @@
+#include "speech/PocketsphinxEngine.h"
+
+#include "dictation/Collaborators.h"
+#include "speech/DecodingAnalyzer.h"
+#include "speech/SpeechFormat.h"
+#include "storage/Diagnostics.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <pocketsphinx.h>
+#include <sphinxbase/err.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace {
+
+QString firstMatch(const QDir& dir, const QStringList& patterns, const QString& preferredPrefix)
+{
+    QStringList names = dir.entryList(patterns, QDir::Files | QDir::Readable, QDir::Name);
+    // Phonetic language models (en-us-phone.lm.bin) recognise phones, not words.
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [](const QString& n) { return n.contains(QLatin1String("-phone"), Qt::CaseInsensitive); }),
+                names.end());
+    if (names.isEmpty())
+        return {};
+    for (const QString& n : names) {
+        if (!preferredPrefix.isEmpty() && n.startsWith(preferredPrefix, Qt::CaseInsensitive))
+            return dir.filePath(n);
+    }
+    return dir.filePath(names.first());
+}
+
+bool isAcousticModel(const QDir& dir)
+{
+    for (const char* name : {"mdef", "means", "variances", "transition_matrices"}) {
+        if (!QFileInfo(dir.filePath(QLatin1String(name))).isFile())
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<PocketsphinxEngine::Model> PocketsphinxEngine::Model::inFolder(const QString& folder, const QString& locale)
+{
+    const QDir dir(folder);
+    if (!dir.exists())
+        return std::nullopt;
+    Model model;
+    if (isAcousticModel(dir)) {
+        model.acousticModel = dir.absolutePath();
+    } else {
+        for (const QString& sub : dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
+            if (isAcousticModel(QDir(dir.filePath(sub)))) {
+                model.acousticModel = QDir(dir.filePath(sub)).absolutePath();
+                break;
+            }
+        }
+    }
+    const QString prefix = locale.toLower();
+    model.languageModel = firstMatch(
+        dir, {QStringLiteral("*.lm.bin"), QStringLiteral("*.lm"), QStringLiteral("*.lm.dmp"), QStringLiteral("*.lm.DMP")}, prefix);
+    model.dictionary = firstMatch(dir, {QStringLiteral("*.dict"), QStringLiteral("*.dic")}, prefix);
+    if (model.acousticModel.isEmpty() || model.languageModel.isEmpty() || model.dictionary.isEmpty())
+        return std::nullopt;
+    return model;
+}
+
+QStringList PocketsphinxEngine::decoderArguments(const Model& model, const Settings& settings)
+{
+    auto yesNo = [](bool b) { return b ? QStringLiteral("yes") : QStringLiteral("no"); };
+    QStringList args{QStringLiteral("-hmm"),       model.acousticModel,
+                     QStringLiteral("-lm"),        model.languageModel,
+                     QStringLiteral("-dict"),      model.dictionary,
+                     QStringLiteral("-fwdflat"),   yesNo(settings.fwdflat),
+                     QStringLiteral("-bestpath"),  yesNo(settings.bestpath),
+                     QStringLiteral("-vad_postspeech"), QString::number(settings.vadPostspeech),
+                     QStringLiteral("-logfn"),     QStringLiteral("/dev/null")};
+    return args + settings.extra;
+}
+
+std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model, const Settings& settings)
+{
+    static std::once_flag quiet;
+    std::call_once(quiet, [] { err_set_logfp(nullptr); });  // the decoder's chatter is not ours to print
+
+    const QStringList args = decoderArguments(model, settings);
+    std::vector<QByteArray> bytes{QByteArrayLiteral("tolvane")};  // the parser skips argv[0]
+    for (const QString& a : args)
+        bytes.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& b : bytes)
+        argv.push_back(b.data());
+    cmd_ln_t* config = cmd_ln_parse_r(nullptr, ps_args(), static_cast<int32>(argv.size()), argv.data(), FALSE);
+    if (!config)
+        throw CollaboratorError(QStringLiteral("The speech decoder rejected its settings: ") + args.join(QLatin1Char(' ')));
+    ps_decoder_t* decoder = ps_init(config);
+    cmd_ln_free_r(config);
+    if (!decoder) {
+        throw CollaboratorError(QStringLiteral("Could not load the speech model in ")
+                                + QFileInfo(model.acousticModel).absolutePath());
+    }
+    std::shared_ptr<PocketsphinxEngine> engine(new PocketsphinxEngine);
+    engine->decoder_ = decoder;
+    engine->self_ = engine;
+    return engine;
+}
+
+PocketsphinxEngine::~PocketsphinxEngine()
+{
+    if (decoder_)
+        ps_free(decoder_);
+}
+
+// One session's decoding over the engine's decoder. Segments end at the decoder's voice-activity end.
+class PocketsphinxAnalyzer final : public DecodingAnalyzer {
+public:
+    PocketsphinxAnalyzer(std::shared_ptr<PocketsphinxEngine> engine, std::shared_ptr<SpeechResultStream> results)
+        : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()), engine_(std::move(engine))
+    {
+    }
+    ~PocketsphinxAnalyzer() override { stopDecoding(); }
+
+protected:
+    void beginDecoding() override
+    {
+        busy_ = std::unique_lock(engine_->decoderInUse_);
+        ps_decoder_t* ps = engine_->decoder_;
+        if (ps_start_stream(ps) < 0 || ps_start_utt(ps) < 0)
+            throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
+        uttOpen_ = true;
+    }
+
+    void decode(const AudioBuffer& buffer) override
+    {
+        if (buffer.format.sampleRate != PocketsphinxEngine::format().sampleRate || buffer.format.channelCount < 1) {
+            if (!warned_) {
+                warned_ = true;
+                Diagnostics::log(QStringLiteral("transcriber: dropping audio in ") + SpeechFormat::describe(buffer.format)
+                                 + QStringLiteral("; the recognizer takes ")
+                                 + SpeechFormat::describe(PocketsphinxEngine::format()));
+            }
+            return;
+        }
+        const int channels = buffer.format.channelCount;
+        const int frames = buffer.frameCount();
+        pcm_.resize(static_cast<size_t>(frames));
+        for (int i = 0; i < frames; ++i) {
+            float sum = 0;
+            for (int c = 0; c < channels; ++c)
+                sum += buffer.samples[static_cast<size_t>(i * channels + c)];
+            const float v = std::clamp(sum / static_cast<float>(channels), -1.0f, 1.0f);
+            pcm_[static_cast<size_t>(i)] = static_cast<int16>(std::lrint(v * 32767.0f));
+        }
+        ps_decoder_t* ps = engine_->decoder_;
+        if (ps_process_raw(ps, pcm_.data(), pcm_.size(), FALSE, FALSE) < 0)
+            throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
+        if (ps_get_in_speech(ps)) {
+            inSegment_ = true;
+        } else if (inSegment_) {
+            closeUtterance();
+            if (ps_start_utt(ps) < 0)
+                throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
+            uttOpen_ = true;
+        }
+    }
+
+    void caughtUp() override
+    {
+        // Partial hypotheses only when there is nothing else to decode, so a backlog drains first.
+        if (!inSegment_)
+            return;
+        const char* hyp = ps_get_hyp(engine_->decoder_, nullptr);
+        const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
+        if (text != lastVolatile_) {
+            lastVolatile_ = text;
+            emitResult(text, false);
+        }
+    }
+
+    void finalizeDecoding() override { closeUtterance(); }
+
+    void endDecoding() override
+    {
+        if (uttOpen_)
+            ps_end_utt(engine_->decoder_);
+        uttOpen_ = false;
+        if (busy_.owns_lock())
+            busy_.unlock();
+    }
+
+private:
+    void closeUtterance()
+    {
+        ps_decoder_t* ps = engine_->decoder_;
+        ps_end_utt(ps);
+        uttOpen_ = false;
+        inSegment_ = false;
+        const char* hyp = ps_get_hyp(ps, nullptr);
+        const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
+        if (!text.isEmpty())
+            emitResult(text, true);
+        else if (!lastVolatile_.isEmpty())
+            emitResult(QString(), false);  // withdraw a hypothesis that came to nothing (a cough)
+        lastVolatile_.clear();
+    }
+
+    std::shared_ptr<PocketsphinxEngine> engine_;
+    std::unique_lock<std::mutex> busy_;
+    std::vector<int16> pcm_;
+    QString lastVolatile_;
+    bool uttOpen_ = false;
+    bool inSegment_ = false;
+    bool warned_ = false;
+};
+
+std::unique_ptr<SpeechAnalyzer> PocketsphinxEngine::makeAnalyzer(std::shared_ptr<SpeechResultStream> results)
+{
+    return std::make_unique<PocketsphinxAnalyzer>(self_.lock(), std::move(results));
+}
