@@ -1,6 +1,6 @@
 // Types 2,000 mixed characters into the recording client on a private Xvfb and reports characters
-// per second and characters lost; then the same for prose alone, a 150-character dictation, and a
-// paste. Run: build/bench/keyboard/bench_text_injector [runs]
+// per second and characters lost; then the same for prose alone, a 150-character dictation, 300
+// Chinese characters, and a paste. Run: build/bench/keyboard/bench_text_injector [runs]
 #include "ClientHarness.h"
 #include "keyboard/x11/TextInjector.h"
 
@@ -132,11 +132,17 @@ int main(int argc, char** argv)
             const QString mixedText = build(mixed, 2000);
             const QString proseText = build(prose, 2000);
             const QString dictation = build(prose, 150);
-            std::vector<Result> m, p, d, s;
+            // Many distinct characters no layout key has: spare keycodes must be reused, with a
+            // settling pause each time.
+            const QString cjk = build({QStringLiteral("我们今天下午在会议室讨论了明年的预算计划和新产品的发布时间。"),
+                                       QStringLiteral("大家都同意先完成市场调查然后再决定具体的推广方案与合作伙伴。")},
+                                      300);
+            std::vector<Result> m, p, d, c, s;
             for (int i = 0; i < runs; ++i) {
                 m.push_back(typeInto(client, injector, mixedText));
                 p.push_back(typeInto(client, injector, proseText));
                 d.push_back(typeInto(client, injector, dictation));
+                c.push_back(typeInto(client, injector, cjk));
                 s.push_back(pasteInto(client, injector, mixedText));
             }
             std::printf("text injector on %s, %d runs (time until the client holds all of it)\n",
@@ -144,6 +150,7 @@ int main(int argc, char** argv)
             report("typed, mixed", m);
             report("typed, prose", p);
             report("typed, 150-char dictation", d);
+            report("typed, Chinese", c);
             report("pasted, mixed", s);
         }
     }

@@ -12,7 +12,9 @@
 #include <X11/extensions/XInput2.h>
 #include <X11/extensions/XTest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
 #include <set>
 
 namespace {

@@ -5,10 +5,9 @@
 #include "keyboard/SyntheticKeyLog.h"
 
 #include <QObject>
-#include <QPointer>
 
+#include <functional>
 #include <memory>
-#include <optional>
 
 class QSocketNotifier;
 class QTimer;
@@ -16,7 +15,8 @@ class QTimer;
 // The system-wide key monitor on X11. It reads XInput2 raw key events of the root window on a
 // connection of its own, so it sees every key whichever window has the focus, and swallows the
 // chord's Space with a passive grab held only while the activation key is down. Everything runs on
-// the GUI thread; the callbacks are posted to a later turn of its event loop.
+// the GUI thread; the callbacks are posted to a later turn of its event loop. A lost connection
+// fires nothing and is reopened by itself every `reconnectIntervalMs`.
 class HotkeyManager final : public QObject, public AbstractHotkeyManager {
     Q_OBJECT
 public:
