@@ -1,8 +1,11 @@
+#include "app/Application.h"
 #include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
 #include "ui/ScreenshotMode.h"
+#include "ui/Theme.h"
+#include "ui/x11/X11Desktop.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -18,12 +21,22 @@ int printLine(FILE* stream, const QString& text, int code)
     return code;
 }
 
-bool graphicalSessionAvailable()
+// Why no graphical session can be used, or empty when one can. Asked before Qt is started, since
+// Qt ends the process when its display cannot be opened.
+QString missingGraphicalSession()
 {
     const QByteArray platform = qgetenv("QT_QPA_PLATFORM");
-    if (!platform.isEmpty())
-        return true;  // the user chose a platform (offscreen, xcb, …) explicitly
-    return !qgetenv("DISPLAY").isEmpty() || !qgetenv("WAYLAND_DISPLAY").isEmpty();
+    if (!platform.isEmpty() && !platform.startsWith("xcb"))
+        return {};  // the user chose another platform (offscreen, wayland, …) explicitly
+    const QByteArray display = qgetenv("DISPLAY");
+    if (display.isEmpty()) {
+        if (!qgetenv("WAYLAND_DISPLAY").isEmpty() && platform.isEmpty())
+            return QStringLiteral("this Wayland session offers no X11 display (DISPLAY is not set)");
+        return QStringLiteral("no graphical session (DISPLAY is not set)");
+    }
+    if (!X11Desktop::canOpenDisplay(display))
+        return QStringLiteral("cannot open the display %1").arg(QString::fromLocal8Bit(display));
+    return {};
 }
 
 }  // namespace
@@ -58,10 +71,10 @@ int main(int argc, char** argv)
         break;
     }
 
-    if (!graphicalSessionAvailable()) {
+    if (const QString why = missingGraphicalSession(); !why.isEmpty()) {
         return printLine(stderr,
-                         QStringLiteral("tolvane: no graphical session (DISPLAY is not set); to transcribe a file "
-                                        "instead, run: tolvane --transcribe FILE"),
+                         QStringLiteral("tolvane: %1; to transcribe a sound file instead, run: tolvane --transcribe FILE")
+                             .arg(why),
                          1);
     }
 
@@ -70,6 +83,11 @@ int main(int argc, char** argv)
     QCoreApplication::setOrganizationName(QStringLiteral("Tolvane"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
     app.setQuitOnLastWindowClosed(false);
-    Diagnostics::log(QStringLiteral("bootstrap: launching Tolvane ") + QStringLiteral(TOLVANE_VERSION));
+    app.setWindowIcon(QIcon(Theme::appIcon(256)));
+    Application tolvane;
+    if (!tolvane.launch()) {
+        printLine(stdout, QStringLiteral("Tolvane is already running; its Settings window was brought forward."), 0);
+        return 0;
+    }
     return app.exec();
 }

@@ -8,7 +8,7 @@
 
 class QTimer;
 class QWidget;
-class SettingsView;
+#include "ui/SettingsView.h"
 
 // Owns the Settings window: built on the first show() and kept; it hides itself a quarter of a
 // second after it stops being the active window unless it becomes active again meanwhile.

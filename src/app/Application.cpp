@@ -1,0 +1,113 @@
+#include "app/Application.h"
+
+#include "app/PermissionPrompt.h"
+#include "audio/AudioEngineController.h"
+#include "audio/MicrophoneSource.h"
+#include "keyboard/x11/HotkeyManager.h"
+#include "keyboard/x11/TextInjector.h"
+#include "speech/TranscriberController.h"
+#include "storage/Diagnostics.h"
+#include "storage/TranscriptStore.h"
+#include "ui/MenuBarController.h"
+#include "ui/OverlayController.h"
+#include "ui/SettingsView.h"
+#include "ui/TaskbarPresence.h"
+
+#include <QApplication>
+#include <QMessageBox>
+#include <QTimer>
+
+namespace {
+
+SettingsServices settingsServices(CleanupEngine& cleanup)
+{
+    SettingsServices services;
+    services.supportedLocales = [] { return TranscriberController::supportedLocaleIdentifiers(); };
+    services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
+    return services;
+}
+
+// A microphone exists when the sound server names a default input Qt can open.
+QCoro::Task<bool> requestMicrophone()
+{
+    try {
+        MicrophoneSource probe;
+        probe.inputFormat();
+        co_return true;
+    } catch (const std::exception& e) {
+        Diagnostics::log(QStringLiteral("bootstrap: no microphone: ") + describeError(e));
+        co_return false;
+    }
+}
+
+// Speech is possible when some language has an installed or installable model.
+QCoro::Task<bool> requestSpeech(AbstractTranscriber&)
+{
+    const QStringList locales = co_await TranscriberController::supportedLocaleIdentifiers();
+    co_return !locales.isEmpty();
+}
+
+}  // namespace
+
+Application::Application(QObject* parent) : QObject(parent), settings_(settingsServices(cleanup_))
+{
+    delegate_.settingsWindow = &settings_;
+    delegate_.cleanup = &cleanup_;
+    delegate_.compareWindow = &compare_;
+    PermissionPrompt::showOwnSettings = [this] { settings_.show(); };
+}
+
+Application::~Application()
+{
+    bootstrap_.reset();
+    TranscriptStore::shared().waitForWrites();
+}
+
+bool Application::launch()
+{
+    if (single_.notifyRunningInstance())
+        return false;
+    single_.listen([this] {
+        if (bootstrap_)
+            bootstrap_->applicationShouldHandleReopen();
+    });
+    bootstrap_ = std::make_unique<Bootstrap>(delegate_, platformFactory());
+    bootstrap_->applicationDidFinishLaunching();
+    return true;
+}
+
+Bootstrap::Factory Application::platformFactory()
+{
+    Bootstrap::Factory f;
+    f.menuBar = [] { return std::make_unique<MenuBarController>(); };
+    f.injector = [this] {
+        auto injector = std::make_unique<TextInjector>();
+        injector_ = injector.get();
+        return injector;
+    };
+    f.overlay = [] { return std::make_unique<OverlayController>(); };
+    f.audio = [] { return std::make_unique<AudioEngineController>(std::make_unique<MicrophoneSource>()); };
+    f.transcriber = [] { return std::make_unique<TranscriberController>(); };
+    f.hotkey = [this] {
+        auto hotkey = std::make_unique<HotkeyManager>();
+        // So the monitor can tell the injector's own keystrokes (a typed Space) from the user's.
+        if (injector_)
+            injector_->setHotkeyManager(hotkey.get());
+        return hotkey;
+    };
+    f.requestMicrophone = requestMicrophone;
+    f.requestSpeech = requestSpeech;
+    f.showBlockingError = [](const QString& title, const QString& message) {
+        QMessageBox box(QMessageBox::Warning, title, QString(), QMessageBox::NoButton);
+        box.setInformativeText(message);
+        box.setText(title);
+        box.addButton(QStringLiteral("Quit"), QMessageBox::AcceptRole);
+        box.exec();
+        // Leave the event loop as soon as it runs again; the fatal error ends the application.
+        QTimer::singleShot(0, qApp, [] { QCoreApplication::exit(1); });
+    };
+    f.checkForUpdates = [this] { updates_.checkAndReport(); };
+    f.showAbout = [this] { about_.show(); };
+    f.applyDockIconPolicy = [](bool show) { TaskbarPresence::apply(show); };
+    return f;
+}

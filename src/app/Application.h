@@ -1,0 +1,42 @@
+#pragma once
+
+#include "app/Bootstrap.h"
+#include "app/SingleInstance.h"
+#include "dictation/AppDelegate.h"
+#include "text/CleanupEngine.h"
+#include "ui/AboutWindowController.h"
+#include "ui/CompareWindowController.h"
+#include "ui/SettingsWindowController.h"
+#include "ui/UpdateChecker.h"
+
+#include <QObject>
+#include <QPointer>
+
+#include <memory>
+
+// The running tray application: the dictation controller with the real collaborators of an X11
+// desktop, its windows, and the one-instance rule. Made after the QApplication.
+class TextInjector;
+
+class Application final : public QObject {
+    Q_OBJECT
+public:
+    explicit Application(QObject* parent = nullptr);
+    ~Application() override;
+
+    // False when another Tolvane already runs (it was asked to show its Settings).
+    bool launch();
+
+private:
+    Bootstrap::Factory platformFactory();
+
+    AppDelegate delegate_;
+    CleanupEngine cleanup_;
+    SettingsWindowController settings_;
+    AboutWindowController about_;
+    CompareWindowController compare_;
+    UpdateChecker updates_;
+    SingleInstance single_;
+    std::unique_ptr<Bootstrap> bootstrap_;
+    QPointer<TextInjector> injector_;
+};
