@@ -1,0 +1,285 @@
+// The real tolvane program on a private X server, with a PulseAudio microphone that is a pipe fed
+// with synthesised speech, a real X client to dictate into, and the keys pressed through XTest.
+#include "storage/Preferences.h"
+#include "storage/TranscriptStore.h"
+#include "support/TestSupport.h"
+
+#include "AudioTestSupport.h"
+#include "ClientHarness.h"
+#include "SpeechTestSupport.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTest>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+constexpr unsigned altL = 64, space = 65, escape = 9;
+const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.");
+
+QStringList pactl(const QStringList& args)
+{
+    QProcess p;
+    p.start(QStringLiteral("pactl"), args);
+    p.waitForFinished(10000);
+    if (p.exitStatus() != QProcess::NormalExit || p.exitCode() != 0)
+        return {};
+    return QString::fromUtf8(p.readAllStandardOutput()).split(QLatin1Char('\n'));
+}
+
+// 16 kHz mono float samples as the pipe source's signed 16-bit frames.
+QByteArray pcm16(const std::vector<float>& samples)
+{
+    QByteArray out(static_cast<qsizetype>(samples.size() * 2), Qt::Uninitialized);
+    auto* p = reinterpret_cast<qint16*>(out.data());
+    for (float s : samples)
+        *p++ = static_cast<qint16>(std::clamp(s, -1.0f, 1.0f) * 32767.0f);
+    return out;
+}
+
+}  // namespace
+
+class EndToEndTest : public QObject {
+    Q_OBJECT
+    QProcess daemon_;
+    QProcess tolvane_;
+    QString fifo_;
+    RecordingClient client_;
+    Fingers fingers_;
+    QByteArray holdSpeech_, handsFreeSpeech_, liveSpeech_;
+
+    // Writes audio into the microphone's pipe on a thread of its own; with pace, at the speed a
+    // person speaks (in 100 ms pieces). Returns when everything is written.
+    void speak(const QByteArray& audio, bool pace = false)
+    {
+        std::atomic<bool> done{false};
+        std::thread writer([&] {
+            const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
+            if (fd >= 0) {
+                constexpr qsizetype piece = 16000 * 2 / 10;
+                for (qsizetype at = 0; at < audio.size(); at += piece) {
+                    const qsizetype n = std::min(piece, audio.size() - at);
+                    if (::write(fd, audio.constData() + at, static_cast<size_t>(n)) != n)
+                        break;
+                    if (pace)
+                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                }
+                ::close(fd);
+            }
+            done = true;
+        });
+        TestSupport::waitUntil([&] { return done.load(); }, 60000);
+        writer.join();
+    }
+
+    static bool waitForLog(const TestSupport::LogMark& mark, const QString& message, int timeoutMs = 20000)
+    {
+        return TestSupport::waitUntil([&] { return mark.messages().contains(message); }, timeoutMs);
+    }
+
+    void startTolvane(const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
+    {
+        tolvane_.setProcessEnvironment(env);
+        tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        tolvane_.start(QStringLiteral(TOLVANE_BINARY), {});
+        QVERIFY(tolvane_.waitForStarted(10000));
+    }
+
+    void stopTolvane()
+    {
+        tolvane_.terminate();
+        if (!tolvane_.waitForFinished(5000))
+            tolvane_.kill();
+        tolvane_.waitForFinished(5000);
+    }
+
+    // A person's tap: the key stays down for a moment.
+    void tap(unsigned keycode)
+    {
+        fingers_.press(keycode);
+        QTest::qWait(80);
+        fingers_.release(keycode);
+    }
+
+    // The transcript tolvane saved last, once the history holds `count` of them.
+    static QString savedTranscript(qsizetype count)
+    {
+        QList<QByteArray> lines;
+        TestSupport::waitUntil([&] {
+            QFile history(TranscriptStore::fileURL());
+            lines = history.open(QIODevice::ReadOnly) ? history.readAll().trimmed().split('\n') : QList<QByteArray>();
+            return lines.size() == count;
+        });
+        if (lines.size() != count)
+            return {};
+        return QJsonDocument::fromJson(lines.last()).object().value(QStringLiteral("text")).toString();
+    }
+
+    // Waits until the client shows exactly `text` (typing takes a moment) and returns what it has.
+    RecordingClient::Received arrived(const QString& text)
+    {
+        return client_.waitFor([&](const RecordingClient::Received& r) { return r.text == text; });
+    }
+
+    static int wordsHeard(const QString& said, const QString& arrived)
+    {
+        return SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(arrived));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(AudioTest::forbidSoundServerAutospawn());
+        fifo_ = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/mic.fifo");
+        daemon_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        daemon_.start(QStringLiteral("pulseaudio"),
+                      {QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
+                       QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix"),
+                       QStringLiteral("--load=module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo_)});
+        QVERIFY2(daemon_.waitForStarted(10000), "pulseaudio is needed (scripts/setup.sh --test installs it)");
+        QVERIFY(TestSupport::waitUntil([] { return !pactl({QStringLiteral("info")}).isEmpty(); }, 15000));
+        QVERIFY(!pactl({QStringLiteral("set-default-source"), QStringLiteral("mic")}).isEmpty());
+
+        holdSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("pick up milk and eggs on the way home")));
+        handsFreeSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("the meeting moved to three o'clock")));
+        liveSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("please call me back after lunch")));
+        QVERIFY2(!holdSpeech_.isEmpty() && !handsFreeSpeech_.isEmpty() && !liveSpeech_.isEmpty(),
+                 "festival and sox are needed (scripts/setup.sh --test installs them)");
+
+        QVERIFY(fingers_.ok());
+        QVERIFY(client_.start());
+        // Exactly what was said, so the words can be compared.
+        Preferences::shared().setCleanupMode(CleanupMode::raw);
+        TestSupport::LogMark mark;
+        startTolvane();
+        QVERIFY2(waitForLog(mark, ready, 60000), "tolvane did not become ready");
+        QVERIFY(client_.focus());
+    }
+
+    void cleanupTestCase()
+    {
+        stopTolvane();
+        daemon_.terminate();
+        if (!daemon_.waitForFinished(5000))
+            daemon_.kill();
+    }
+
+    void init()
+    {
+        Preferences::shared().setLiveTyping(false);
+        QVERIFY(client_.clear());
+        QVERIFY(client_.focus());
+    }
+
+    void holdSpeakRelease()
+    {
+        TestSupport::LogMark mark;
+        fingers_.press(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
+        speak(holdSpeech_);
+        QTest::qWait(1000);  // let the capture take in what the pipe holds
+        fingers_.release(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: pasted=true (leadingSpace=false)")));
+        const QString saved = savedTranscript(1);
+        const auto got = arrived(saved);
+        QCOMPARE(got.text, saved);
+        QVERIFY2(wordsHeard(QStringLiteral("pick up milk and eggs on the way home"), saved) >= 5, qPrintable(saved));
+        QCOMPARE(got.loneAltTaps, 0);
+
+        const QStringList log = mark.messages();
+        for (const QString& step : {QStringLiteral("hotkey: OPTION DOWN"), QStringLiteral("dictation: starting (mode=hold)"),
+                                    QStringLiteral("hotkey: OPTION UP"),
+                                    QStringLiteral("dictation: finishing (paste=true, fromToggle=false)")})
+            QVERIFY2(log.contains(step), qPrintable(step));
+    }
+
+    void handsFreeThenTap()
+    {
+        TestSupport::LogMark mark;
+        fingers_.press(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
+        tap(space);
+        QTest::qWait(80);
+        fingers_.release(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)")));
+        speak(handsFreeSpeech_);
+        QTest::qWait(1000);
+        QVERIFY(!mark.messages().contains(QStringLiteral("dictation: finishing (paste=true, fromToggle=true)")));
+        tap(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("state: TOGGLE → END (⌥ tap)")));
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: finishing (paste=true, fromToggle=true)")));
+        // Moments after the previous dictation, so it starts with one blank.
+        const QString saved = savedTranscript(2);
+        const auto got = arrived(QLatin1Char(' ') + saved);
+        QCOMPARE(got.text, QLatin1Char(' ') + saved);
+        QVERIFY2(wordsHeard(QStringLiteral("the meeting moved to three o'clock"), saved) >= 3, qPrintable(saved));
+        QCOMPARE(got.spaces, int(got.text.count(QLatin1Char(' '))));  // the chord's Space never reached the client
+        QCOMPARE(got.loneAltTaps, 0);
+    }
+
+    void escapeDiscards()
+    {
+        TestSupport::LogMark mark;
+        fingers_.press(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
+        speak(holdSpeech_);
+        tap(escape);
+        fingers_.release(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: DISCARD")));
+        QTest::qWait(1500);  // anything that would arrive would have by now
+        const auto got = client_.dump();
+        QVERIFY(got);
+        QCOMPARE(got->text, QString());
+        QVERIFY(!mark.messages().contains(QStringLiteral("dictation: finishing (paste=true, fromToggle=false)")));
+    }
+
+    void liveTypingTypesWhileSpeaking()
+    {
+        Preferences::shared().setLiveTyping(true);
+        TestSupport::LogMark mark;
+        fingers_.press(altL);
+        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
+        speak(liveSpeech_, true);
+        // Words are on screen before the key comes up.
+        const auto during = client_.waitFor([](const RecordingClient::Received& r) { return !r.text.trimmed().isEmpty(); });
+        QVERIFY2(!during.text.trimmed().isEmpty(), "nothing was typed while speaking");
+        QVERIFY(!mark.messages().contains(QStringLiteral("hotkey: OPTION UP")));
+        fingers_.release(altL);
+        QVERIFY(TestSupport::waitUntil([&] { return !mark.messages().filter(QStringLiteral("dictation: live-typed ")).isEmpty(); }));
+        // The final text on screen is the transcript the history kept (third: hold, hands-free, this).
+        const QString last = savedTranscript(3);
+        const auto after = arrived(last);
+        QCOMPARE(after.text, last);
+        QVERIFY2(wordsHeard(QStringLiteral("please call me back after lunch"), last) >= 3, qPrintable(last));
+    }
+
+    void noMicrophoneGivesThePromptAndNoCrash()
+    {
+        stopTolvane();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("PULSE_SERVER"), QStringLiteral("unix:/nonexistent/tolvane-no-sound-server"));
+        TestSupport::LogMark mark;
+        startTolvane(env);
+        QVERIFY(waitForLog(mark, QStringLiteral("bootstrap: microphone = false"), 30000));
+        QTest::qWait(500);
+        QCOMPARE(tolvane_.state(), QProcess::Running);
+        QVERIFY(!mark.messages().contains(ready));
+        // A key press now starts nothing and breaks nothing.
+        tap(altL);
+        QTest::qWait(300);
+        QCOMPARE(tolvane_.state(), QProcess::Running);
+        QVERIFY(mark.messages().filter(QStringLiteral("dictation: ")).isEmpty());
+    }
+};
+
+QTEST_MAIN(EndToEndTest)
+#include "EndToEndTest.moc"
