@@ -9,7 +9,7 @@ build_pkgs=(
   libx11-dev libxi-dev libxtst-dev
   libsoxr-dev libsndfile1-dev libpulse-dev
   libpocketsphinx-dev pocketsphinx-en-us
-  fonts-dejavu-core
+  fonts-dejavu-core fonts-inter
 )
 test_pkgs=(
   xvfb xdotool x11-xkb-utils x11-utils

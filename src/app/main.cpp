@@ -1,6 +1,8 @@
+#include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
+#include "ui/ScreenshotMode.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -40,6 +42,16 @@ int main(int argc, char** argv)
         return printLine(stdout, QStringLiteral("Tolvane " TOLVANE_VERSION), 0);
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
+    case CommandLine::Action::shots: {
+        ScreenshotMode::preparePlatform();  // offscreen when no display answers
+        QApplication app(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("Tolvane"));
+        QCoreApplication::setOrganizationName(QStringLiteral("Tolvane"));
+        QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
+        return ScreenshotMode::run(cl.argument.isEmpty() ? ScreenshotMode::defaultOutputDir : cl.argument);
+    }
+    case CommandLine::Action::cleanup:
+        return runCleanupCommand(argc, argv, cl.argument);
     case CommandLine::Action::transcribe:
         return TranscribeCommand::main(argc, argv, {cl.argument, cl.locale, cl.partials});
     default:

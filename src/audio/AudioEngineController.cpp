@@ -15,13 +15,6 @@ QString rateText(double rate)
     return text;
 }
 
-QString describeError(const std::exception& error)
-{
-    if (const auto* collaborator = dynamic_cast<const CollaboratorError*>(&error))
-        return collaborator->localizedDescription();
-    return QString::fromUtf8(error.what());
-}
-
 }  // namespace
 
 AudioEngineController::AudioEngineController(std::unique_ptr<CaptureSource> source, QObject* parent)

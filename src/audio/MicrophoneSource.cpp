@@ -11,7 +11,9 @@
 #include <QPointer>
 #include <QThread>
 
+#include <exception>
 #include <future>
+#include <optional>
 
 struct MicrophoneSource::Capture {
     std::function<void()> notify;  // reports a change to the GUI thread; any thread
@@ -23,7 +25,13 @@ struct MicrophoneSource::Capture {
     AudioBuffer block;
     std::size_t filledBytes = 0;
     BlockHandler handler;
-    std::atomic<bool> delivering{false};  // cleared by the GUI thread first thing in stop()
+    // Blocks go to the handler only while the capture the GUI thread last asked for is the one
+    // running: it moves `session` on at every start and stop, so a start that it gave up waiting
+    // for, or one being stopped, delivers nothing.
+    std::atomic<int> session{0};
+    int runningSession = -1;  // audio thread
+
+    bool current() const { return session.load(std::memory_order_acquire) == runningSession; }
 
     // Moves what the device has into 1024-frame blocks and hands each full one over.
     void drain()
@@ -39,7 +47,7 @@ struct MicrophoneSource::Capture {
             filledBytes += static_cast<std::size_t>(got);
             if (filledBytes == blockBytes) {
                 filledBytes = 0;
-                if (delivering.load(std::memory_order_acquire) && handler)
+                if (handler && current())
                     handler(block);
             }
         }
@@ -110,18 +118,23 @@ auto MicrophoneSource::onAudioThread(Work work, const QString& what)
     QMetaObject::invokeMethod(
         worker_,
         [promise, work = std::move(work), busy = busy_]() mutable {
+            std::optional<Result> result;
+            std::exception_ptr failure;
             try {
-                promise->set_value(work());
+                result.emplace(work());
             } catch (...) {
-                promise->set_exception(std::current_exception());
+                failure = std::current_exception();
             }
+            // Free before the waiting thread wakes, so that its next request is not refused.
             busy->store(false);
+            if (failure)
+                promise->set_exception(failure);
+            else
+                promise->set_value(std::move(*result));
         },
         Qt::QueuedConnection);
     if (future.wait_for(std::chrono::milliseconds(timeoutMs_)) != std::future_status::ready)
-        throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 seconds while %2")
-                                    .arg(timeoutMs_ / 1000.0, 0, 'g', 3)
-                                    .arg(what));
+        throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 ms while %2").arg(timeoutMs_).arg(what));
     return future.get();
 }
 
@@ -175,8 +188,20 @@ AudioFormat MicrophoneSource::inputFormat()
 void MicrophoneSource::start(BlockHandler handler)
 {
     stop();
+    const int session = ++capture_->session;
+    try {
+        startOnAudioThread(session, std::move(handler));
+    } catch (...) {
+        ++capture_->session;  // a start that completes after all must not deliver
+        throw;
+    }
+    started_ = true;
+}
+
+void MicrophoneSource::startOnAudioThread(int session, BlockHandler handler)
+{
     onAudioThread(
-        [capture = capture_, handler = std::move(handler)] {
+        [capture = capture_, session, handler = std::move(handler)] {
             Capture& c = *capture;
             if (c.device.isNull())
                 throw CollaboratorError(QStringLiteral("No microphone has been chosen"));
@@ -195,18 +220,16 @@ void MicrophoneSource::start(BlockHandler handler)
             }
             c.filledBytes = 0;
             c.handler = handler;
-            c.delivering.store(true, std::memory_order_release);
+            c.runningSession = session;
             QObject::connect(c.io, &QIODevice::readyRead, c.audio.get(), [&c] { c.drain(); });
             QObject::connect(c.audio.get(), &QAudioSource::stateChanged, c.audio.get(), [&c](QAudio::State state) {
                 // The device went away or failed under a running capture: choose again.
-                if (state == QAudio::StoppedState && c.audio && c.audio->error() != QAudio::NoError &&
-                    c.delivering.load())
+                if (state == QAudio::StoppedState && c.audio && c.audio->error() != QAudio::NoError && c.current())
                     c.notify();
             });
             return true;
         },
         QStringLiteral("opening the microphone"));
-    started_ = true;
 }
 
 void MicrophoneSource::stop()
@@ -214,7 +237,7 @@ void MicrophoneSource::stop()
     if (!started_)
         return;
     started_ = false;
-    capture_->delivering.store(false, std::memory_order_release);
+    ++capture_->session;
     try {
         onAudioThread(
             [capture = capture_] {
@@ -224,6 +247,7 @@ void MicrophoneSource::stop()
                 c.io = nullptr;
                 c.audio.reset();
                 c.handler = nullptr;
+                c.runningSession = -1;
                 return true;
             },
             QStringLiteral("closing the microphone"));

@@ -40,6 +40,7 @@ private:
 
     template <typename Work>
     auto onAudioThread(Work work, const QString& what);
+    void startOnAudioThread(int session, BlockHandler handler);
     void noteChange();
 
     int timeoutMs_;

@@ -1,6 +1,10 @@
 #include "dictation/AppDelegate.h"
 
+#include "dictation/CompareModel.h"
 #include "dictation/LiveTyping.h"
+#include "storage/TranscriptStore.h"
+#include "text/CleanupEngine.h"
+#include "text/SnippetStore.h"
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 
@@ -9,18 +13,6 @@
 #include <algorithm>
 #include <exception>
 
-namespace {
-
-QString describe(const std::exception& error)
-{
-    if (const auto* e = dynamic_cast<const CollaboratorError*>(&error))
-        return e->localizedDescription();
-    return QString::fromUtf8(error.what());
-}
-
-QString boolText(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
-
-}  // namespace
 
 QString AppDelegate::modeName(Mode mode)
 {
@@ -230,7 +222,7 @@ QCoro::Task<> AppDelegate::startDictation()
         co_await transcriber->start();
         transcriberStarted = true;
     } catch (const std::exception& e) {
-        failure = describe(e);
+        failure = describeError(e);
     }
 
     if (transcriberStarted && endedId_ >= id) {
@@ -248,7 +240,7 @@ QCoro::Task<> AppDelegate::startDictation()
             Diagnostics::log(QStringLiteral("dictation: audio + transcriber running"));
             co_return;
         } catch (const std::exception& e) {
-            failure = describe(e);
+            failure = describeError(e);
         }
     }
 
@@ -299,8 +291,9 @@ void AppDelegate::closeDictation()
 
 QCoro::Task<> AppDelegate::finishDictation(bool paste, bool fromToggle)
 {
-    Diagnostics::log(QStringLiteral("dictation: finishing (paste=") + boolText(paste) + QStringLiteral(", fromToggle=")
-                     + boolText(fromToggle) + QLatin1Char(')'));
+    // Every way out of here goes through closeDictation().
+    Diagnostics::log(QStringLiteral("dictation: finishing (paste=") + Diagnostics::boolText(paste) + QStringLiteral(", fromToggle=")
+                     + Diagnostics::boolText(fromToggle) + QLatin1Char(')'));
     setMode(Mode::finishing);
     endedId_ = dictationId_;
     audio->stop();
@@ -310,13 +303,109 @@ QCoro::Task<> AppDelegate::finishDictation(bool paste, bool fromToggle)
     try {
         text = co_await transcriber->finish();
     } catch (const std::exception& e) {
-        Diagnostics::log(QStringLiteral("dictation: transcription error: ") + describe(e));
+        Diagnostics::log(QStringLiteral("dictation: transcription error: ") + describeError(e));
         closeDictation();
         co_return;
     }
     const QString transcript = text.trimmed();
-    Diagnostics::log(QStringLiteral("dictation: final text length=") + QString::number(transcript.size()));
+    Diagnostics::log(QStringLiteral("dictation: final text length=") + QString::number(LiveTyping::characterCount(transcript)));
+    if (transcript.isEmpty()) {
+        closeDictation();
+        co_return;
+    }
+
+    if (compareArmed) {
+        compareArmed = false;
+        store->append(transcript);
+        co_await runComparison(transcript);
+        closeDictation();
+        co_return;
+    }
+
+    if (Preferences::shared().liveTyping()) {
+        reconcileLiveTyping(SnippetStore::expand(transcript).value_or(transcript));
+        store->append(transcript);
+        Diagnostics::log(QStringLiteral("dictation: live-typed ") + QString::number(LiveTyping::characterCount(transcript))
+                         + QStringLiteral(" chars"));
+        if (fromToggle && Preferences::shared().autoReturn())
+            scheduleReturn(false);
+        closeDictation();
+        co_return;
+    }
+
+    if (!paste) {
+        closeDictation();
+        co_return;
+    }
+
+    store->append(transcript);
+    QString insertion;
+    if (const auto replacement = SnippetStore::expand(transcript)) {
+        Diagnostics::log(QStringLiteral("snippet: expanded command"));
+        insertion = *replacement;
+    } else {
+        const CleanupMode cleanupMode = Preferences::shared().cleanupMode();
+        // Not a conditional expression: GCC 12 evaluates a co_await in either branch of one.
+        if (cleanupMode == CleanupMode::raw)
+            insertion = transcript;
+        else
+            insertion = co_await cleanup->process(transcript, cleanupMode);
+    }
+
+    const bool leadingSpace = lastPasteAt && lastPasteAt->msecsTo(QDateTime::currentDateTimeUtc()) < leadingSpaceWindowMs;
+    if (leadingSpace)
+        insertion.prepend(QLatin1Char(' '));
+
+    bool inserted = false;
+    if (!insertion.isEmpty()) {
+        inserted = LiveTyping::characterCount(insertion) <= typingLimit ? injector->insertText(insertion)
+                                                                          : injector->pasteViaClipboard(insertion);
+    }
+    Diagnostics::log(QStringLiteral("dictation: pasted=") + Diagnostics::boolText(inserted) + QStringLiteral(" (leadingSpace=")
+                     + Diagnostics::boolText(leadingSpace) + QLatin1Char(')'));
+    if (inserted) {
+        lastPasteAt = QDateTime::currentDateTimeUtc();
+        if (fromToggle && Preferences::shared().autoReturn())
+            scheduleReturn(true);
+    }
     closeDictation();
+}
+
+void AppDelegate::scheduleReturn(bool logged)
+{
+    // Outlives the pipeline; goes to whatever window has the focus when it fires.
+    QTimer::singleShot(returnDelayMs, this, [this, logged] {
+        if (!injector)
+            return;
+        if (logged)
+            Diagnostics::log(QStringLiteral("dictation: auto-Return"));
+        injector->pressReturn();
+    });
+}
+
+// ---- Comparison ---------------------------------------------------------------------------------
+
+void AppDelegate::armComparison()
+{
+    compareArmed = true;
+    if (compareWindow)
+        compareWindow->arm();
+}
+
+QCoro::Task<> AppDelegate::runComparison(QString raw)
+{
+    if (!compareWindow)
+        co_return;
+    CompareModel& model = compareWindow->model();
+    model.setArmed(false);
+    model.setRaw(raw);
+    model.setStatus(QStringLiteral("Cleaning up on-device… (Tidy)"));
+    model.setTidy(co_await cleanup->process(raw, CleanupMode::tidy));
+    model.setStatus(QStringLiteral("Cleaning up on-device… (Bullets)"));
+    model.setBullets(co_await cleanup->process(raw, CleanupMode::bullets));
+    model.setStatus(QStringLiteral("Cleaning up on-device… (Summary)"));
+    model.setSummary(co_await cleanup->process(raw, CleanupMode::summary));
+    model.setStatus(QStringLiteral("Done — compare the four results below. Copy any of them."));
 }
 
 // ---- Live typing --------------------------------------------------------------------------------

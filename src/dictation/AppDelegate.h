@@ -20,6 +20,10 @@ class AppDelegate final : public QObject {
     Q_OBJECT
 public:
     enum class Mode : quint8 { idle, hold, toggle, finishing };
+
+    static constexpr qint64 leadingSpaceWindowMs = 30000;  // a following insertion gets one leading blank
+    static constexpr int typingLimit = 150;                // longer text is pasted instead of typed
+    static constexpr int returnDelayMs = 120;              // between the insertion and the automatic Return
     static QString modeName(Mode mode);
 
     explicit AppDelegate(QObject* parent = nullptr);
@@ -81,6 +85,7 @@ Q_SIGNALS:
 private:
     void setMode(Mode next);
     void closeDictation();
+    void scheduleReturn(bool logged);
     // Runs a handler as a new task in a later turn of the event loop.
     template <typename Handler>
     void spawn(Handler handler);

@@ -27,6 +27,14 @@ private:
     QString description_;
 };
 
+// The readable description of anything a collaborator threw.
+inline QString describeError(const std::exception& error)
+{
+    if (const auto* e = dynamic_cast<const CollaboratorError*>(&error))
+        return e->localizedDescription();
+    return QString::fromUtf8(error.what());
+}
+
 // System-wide key monitor. Callbacks arrive on the GUI thread, each in a later turn of the event loop.
 class AbstractHotkeyManager {
 public:

@@ -16,6 +16,9 @@ void log(const QString& message, const char* file = std::source_location::curren
 // The "Name:57" field for a source path: last path component without its extension.
 QString sourceName(const char* file);
 
+// "true" or "false", as log lines spell flags.
+inline QString boolText(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
+
 // Where the log lives (creates the folder the first time it is asked).
 QString logFilePath();
 

@@ -4,6 +4,9 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
+
+#include <chrono>
 
 #include <qcoro/qcorotask.h>
 
@@ -27,7 +30,20 @@ public:
     };
     virtual QCoro::Task<Availability> checkAvailability();
 
-    static QString instructions(CleanupMode mode);
+    // How long the model list may take before the server counts as unavailable.
+    static constexpr std::chrono::milliseconds availabilityTimeout{2000};
+    // Tried in order when no endpoint is configured: Ollama, then llama.cpp's server.
+    static QStringList defaultWellKnownEndpoints();
+    // Tests point discovery at their own servers.
+    void setWellKnownEndpoints(const QStringList& endpoints);
+    QStringList wellKnownEndpoints() const;
+
+    static QString instructions(CleanupMode mode);  // empty for raw
     static QString prompt(const QString& text);
     static QString cleanAnswer(const QString& answer);
+    // User-perceived characters, as the log line counts them (an emoji is one).
+    static int characterCount(const QString& text);
+
+private:
+    QStringList wellKnown_;
 };

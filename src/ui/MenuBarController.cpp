@@ -34,6 +34,8 @@ MenuBarController::MenuBarController(EntriesSource entries, QObject* parent)
     : QObject(parent), entries_(std::move(entries)), barColor_(brandGreen()),
       recentMenu_(std::make_unique<QMenu>(QStringLiteral("Recent Transcripts")))
 {
+    if (!entries_)
+        entries_ = [] { return TranscriptStore::shared().entries(); };
     recentMenu_->setToolTipsVisible(true);
 }
 
@@ -224,7 +226,7 @@ void MenuBarController::copyTranscript(QAction* item)
 void MenuBarController::rebuildRecentMenu()
 {
     recentMenu_->clear();
-    QList<TranscriptEntry> list = entries_ ? entries_() : QList<TranscriptEntry>();
+    QList<TranscriptEntry> list = entries_();
     std::reverse(list.begin(), list.end());
     if (list.isEmpty()) {
         recentMenu_->addAction(QStringLiteral("No transcripts yet"))->setEnabled(false);

@@ -30,9 +30,9 @@ public:
     static constexpr double iconHeight = 16.0;
     static constexpr int titleLimit = 60;
 
-    // `entries` lists the saved transcripts, oldest first (TranscriptStore::shared().entries() in
-    // the application); it is read each time the menu opens. Nothing is shown before install().
-    explicit MenuBarController(EntriesSource entries, QObject* parent = nullptr);
+    // `entries` lists the saved transcripts, oldest first, and is read each time the menu opens;
+    // left empty it is the shared TranscriptStore. Nothing is shown before install().
+    explicit MenuBarController(EntriesSource entries = {}, QObject* parent = nullptr);
     ~MenuBarController() override;
 
     void install() override;

@@ -86,6 +86,14 @@ bool speak(const QString& text, const QString& path)
            QFile(path).size() > 1000;
 }
 
+bool forbidSoundServerAutospawn()
+{
+    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/pulse");
+    QDir().mkpath(config);
+    QFile conf(config + QStringLiteral("/client.conf"));
+    return conf.open(QIODevice::WriteOnly) && conf.write("autospawn = no\n") > 0;
+}
+
 QString sandboxPath(const QString& name)
 {
     const QString root = qEnvironmentVariable("TOLVANE_TEST_SANDBOX", QDir::tempPath());

@@ -33,6 +33,10 @@ bool writeWav(const QString& path, const AudioBuffer& audio);
 // Speaks `text` into a WAV file with espeak-ng; false when espeak-ng is missing or fails.
 bool speak(const QString& text, const QString& path);
 
+// Keeps sound-server clients of this test from starting a daemon of their own (libpulse's
+// autospawn), through the client configuration in the test's XDG_CONFIG_HOME; false when it cannot.
+bool forbidSoundServerAutospawn();
+
 // A fresh file path inside the test's sandbox.
 QString sandboxPath(const QString& name);
 

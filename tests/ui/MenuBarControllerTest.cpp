@@ -1,3 +1,4 @@
+#include "storage/Preferences.h"
 #include "support/TestSupport.h"
 #include "ui/MenuBarController.h"
 #include "ui/Theme.h"
@@ -231,6 +232,21 @@ private Q_SLOTS:
         c.copyTranscript(nullptr);
         c.copyTranscript(c.menu()->actions().first());
         QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("line one\nline two & more"));
+    }
+
+    void theSharedHistoryByDefault()
+    {
+        Preferences::shared().setHistoryEnabled(true);
+        TranscriptStore::shared().clear();
+        MenuBarController c;
+        c.install();
+        c.rebuildRecentMenu();
+        QCOMPARE(shown(c.recentMenu()), QStringList{QStringLiteral("(off) No transcripts yet")});
+        TranscriptStore::shared().append(QStringLiteral("first"));
+        TranscriptStore::shared().append(QStringLiteral("second"));
+        c.rebuildRecentMenu();
+        QCOMPARE(shown(c.recentMenu()).mid(2), (QStringList{QStringLiteral("second"), QStringLiteral("first")}));
+        TranscriptStore::shared().waitForWrites();
     }
 
     void stopAnimatingResetsTheLevel()

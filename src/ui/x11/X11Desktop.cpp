@@ -1,5 +1,6 @@
 #include "ui/x11/X11Desktop.h"
 
+#include <QByteArray>
 #include <QGuiApplication>
 #include <QWidget>
 #include <QtGui/qguiapplication_platform.h>
@@ -35,6 +36,24 @@ void sendToRoot(Display* dpy, Window w, Atom type, long a0, long a1, long a2)
     XSendEvent(dpy, DefaultRootWindow(dpy), False, SubstructureRedirectMask | SubstructureNotifyMask, &ev);
 }
 
+// The atoms a window's list property holds now (the states Qt or the window manager set).
+std::vector<Atom> atomList(Display* dpy, Window w, Atom property)
+{
+    std::vector<Atom> atoms;
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(dpy, w, property, 0, 1024, False, XA_ATOM, &type, &format, &count, &after, &data) ==
+            Success &&
+        data) {
+        if (type == XA_ATOM && format == 32)
+            atoms.assign(reinterpret_cast<Atom*>(data), reinterpret_cast<Atom*>(data) + count);
+        XFree(data);
+    }
+    return atoms;
+}
+
 }  // namespace
 
 bool isX11()
@@ -58,17 +77,7 @@ void showOnAllDesktops(QWidget* window)
     XChangeProperty(dpy, w, desktop, XA_CARDINAL, 32, PropModeReplace, reinterpret_cast<const unsigned char*>(&all), 1);
 
     // Keep the states Qt has set (above, for one) and add ours.
-    std::vector<Atom> atoms;
-    Atom type = 0;
-    int format = 0;
-    unsigned long count = 0, after = 0;
-    unsigned char* data = nullptr;
-    if (XGetWindowProperty(dpy, w, state, 0, 1024, False, XA_ATOM, &type, &format, &count, &after, &data) == Success &&
-        data) {
-        if (type == XA_ATOM && format == 32)
-            atoms.assign(reinterpret_cast<Atom*>(data), reinterpret_cast<Atom*>(data) + count);
-        XFree(data);
-    }
+    std::vector<Atom> atoms = atomList(dpy, w, state);
     for (Atom a : wanted) {
         if (std::find(atoms.begin(), atoms.end(), a) == atoms.end())
             atoms.push_back(a);
@@ -82,6 +91,37 @@ void showOnAllDesktops(QWidget* window)
         sendToRoot(dpy, w, state, 1 /* add */, static_cast<long>(wanted[0]), 0);
         sendToRoot(dpy, w, state, 1, static_cast<long>(wanted[1]), static_cast<long>(wanted[2]));
     }
+    XFlush(dpy);
+}
+
+bool canOpenDisplay(const QByteArray& name)
+{
+    if (name.isEmpty())
+        return false;
+    Display* dpy = XOpenDisplay(name.constData());
+    if (!dpy)
+        return false;
+    XCloseDisplay(dpy);
+    return true;
+}
+
+void setSkipTaskbar(QWidget* window, bool skip)
+{
+    Display* dpy = display();
+    if (!dpy || !window)
+        return;
+    const Window w = static_cast<Window>(window->winId());
+    const Atom state = XInternAtom(dpy, "_NET_WM_STATE", False);
+    const Atom skipTaskbar = XInternAtom(dpy, "_NET_WM_STATE_SKIP_TASKBAR", False);
+
+    std::vector<Atom> atoms = atomList(dpy, w, state);
+    atoms.erase(std::remove(atoms.begin(), atoms.end(), skipTaskbar), atoms.end());
+    if (skip)
+        atoms.push_back(skipTaskbar);
+    XChangeProperty(dpy, w, state, XA_ATOM, 32, PropModeReplace, reinterpret_cast<const unsigned char*>(atoms.data()),
+                    static_cast<int>(atoms.size()));
+    if (window->isVisible())
+        sendToRoot(dpy, w, state, skip ? 1 : 0 /* add or remove */, static_cast<long>(skipTaskbar), 0);
     XFlush(dpy);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+class QByteArray;
 class QWidget;
 
 // The few window-manager hints Qt has no API for. Each does nothing outside an X11 session.
@@ -10,6 +11,11 @@ bool isX11();
 // keeps it out of the taskbar and pager. Before the first show the hints are set as properties; on a
 // shown window the window manager is asked with client messages as well.
 void showOnAllDesktops(QWidget* window);
+// Whether an X display of that name (as in $DISPLAY) accepts a connection. Usable before any Qt
+// application object exists.
+bool canOpenDisplay(const QByteArray& name);
+// Keeps a top-level window out of the taskbar (_NET_WM_STATE_SKIP_TASKBAR) or lets it back in.
+void setSkipTaskbar(QWidget* window, bool skip);
 // A compositing manager runs, so translucent window pixels are blended with what lies below.
 bool compositingActive();
 

@@ -40,9 +40,15 @@ class FakeHotkey final : public AbstractHotkeyManager {
 public:
     void setActivationKey(ActivationKey k) override { key = k; }
     ActivationKey activationKey() const override { return key; }
-    bool start() override { return true; }
+    bool start() override
+    {
+        ++startCalls;
+        return startSucceeds;
+    }
     void stop() override {}
     ActivationKey key = ActivationKey::leftOption;
+    bool startSucceeds = true;
+    int startCalls = 0;
 };
 
 class FakeAudio final : public AbstractAudioEngine {
@@ -81,15 +87,18 @@ public:
 class FakeTranscriber final : public AbstractTranscriber {
 public:
     explicit FakeTranscriber(Journal& j) : journal(j) {}
-    QCoro::Task<void> prepare(QString) override { co_return; }
-    std::optional<AudioFormat> analyzerFormat() const override { return AudioFormat{16000, 1}; }
+    QCoro::Task<void> prepare(QString locale) override;
+    std::optional<AudioFormat> analyzerFormat() const override { return format; }
     QCoro::Task<void> start() override;
     std::shared_ptr<AudioInputStream> inputContinuation() const override { return input; }
     QCoro::Task<QString> finish() override;
     QCoro::Task<void> cancel() override;
 
     Journal& journal;
-    Gate startGate, finishGate, cancelGate;
+    Gate prepareGate, startGate, finishGate, cancelGate;
+    QString prepareFailure;
+    QStringList prepared;  // every locale asked for
+    std::optional<AudioFormat> format;
     QString startFailure, finishFailure;
     QString finalText;
     std::shared_ptr<FakeInput> input;
@@ -99,7 +108,11 @@ public:
 class FakeOverlay final : public AbstractOverlay {
 public:
     explicit FakeOverlay(Journal& j) : journal(j) {}
-    void installPersistent() override { journal.add(QStringLiteral("overlay.installPersistent")); }
+    void installPersistent() override
+    {
+        journal.add(QStringLiteral("overlay.installPersistent"));
+        installed = true;
+    }
     void show() override { journal.add(QStringLiteral("overlay.show")); }
     void setMode(bool toggle) override
     {
@@ -114,6 +127,7 @@ public:
     }
     void setAmplitude(double level) override { amplitude = level; }
     Journal& journal;
+    bool installed = false;
     bool wide = false;
     double amplitude = -1;
 };
@@ -121,7 +135,8 @@ public:
 class FakeMenuBar final : public AbstractMenuBar {
 public:
     explicit FakeMenuBar(Journal& j) : journal(j) {}
-    void install() override {}
+    bool installed = false;
+    void install() override { installed = true; }
     void stopAnimating() override { journal.add(QStringLiteral("menuBar.stopAnimating")); }
     void setAmplitude(double level) override { amplitude = level; }
     Journal& journal;

@@ -1,4 +1,4 @@
-#include "Fakes.h"
+#include "support/Fakes.h"
 
 #include <qcoro/qcorosignal.h>
 
@@ -37,4 +37,13 @@ QCoro::Task<void> FakeTranscriber::cancel()
     co_await cancelGate.pass();
     if (openSessions > 0)
         --openSessions;
+}
+
+QCoro::Task<void> FakeTranscriber::prepare(QString locale)
+{
+    prepared << locale;
+    co_await prepareGate.pass();
+    if (!prepareFailure.isEmpty())
+        throw CollaboratorError(prepareFailure);
+    format = AudioFormat{16000, 1};
 }

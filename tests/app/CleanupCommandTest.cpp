@@ -1,0 +1,119 @@
+#include "storage/Preferences.h"
+#include "support/FakeLlmServer.h"
+#include "text/CleanupEngine.h"
+
+#include <QJsonArray>
+#include <QProcess>
+#include <QTest>
+
+namespace {
+
+struct Run {
+    int exitCode = -1;
+    QByteArray out;
+    QString err;
+};
+
+// Runs the real program as a user would, with no display at all. The event loop keeps running
+// meanwhile, so the test server on this thread can answer it.
+Run runTolvane(const QStringList& args, const QByteArray& input)
+{
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral(TOLVANE_BINARY), args);
+    if (!process.waitForStarted())
+        return {};
+    process.write(input);
+    process.closeWriteChannel();
+    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000)) {
+        process.kill();
+        process.waitForFinished();
+        return {};
+    }
+    return Run{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput(),
+               QString::fromUtf8(process.readAllStandardError())};
+}
+
+QString userMessage(const FakeLlmServer& server)
+{
+    return server.chatRequests().value(0).json().value(QLatin1String("messages")).toArray().at(1).toObject()
+        .value(QLatin1String("content")).toString();
+}
+
+}  // namespace
+
+class CleanupCommandTest : public QObject {
+    Q_OBJECT
+    FakeLlmServer* server_ = nullptr;
+
+private Q_SLOTS:
+    void init()
+    {
+        server_ = new FakeLlmServer(this);
+        QVERIFY(server_->listen());
+        server_->configureCleanup();
+    }
+
+    void cleanup() { delete server_; }
+
+    void printsTheCleanedText()
+    {
+        server_->chat = [](const QJsonObject&) {
+            return FakeLlmServer::answer(QStringLiteral("<<<BEGIN TEXT>>>\n- Café at 9 ☕\n- Bring notes\n<<<END TEXT>>>"));
+        };
+        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("bullets")},
+                                   "um café at nine, uh, and bring notes\n");
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, QStringLiteral("- Café at 9 ☕\n- Bring notes\n").toUtf8());
+        // The terminal's final line feed is not part of the text the model sees.
+        QCOMPARE(userMessage(*server_), CleanupEngine::prompt(QStringLiteral("um café at nine, uh, and bring notes")));
+        QVERIFY2(run.err.contains(QStringLiteral("cleanup: mode=bullets in=36 out=27")), qPrintable(run.err));
+    }
+
+    void rawModePrintsStandardInputAsItCame()
+    {
+        const QByteArray input = "  two\r\nlines, no final line feed";
+        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("raw")}, input);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, input);
+        QVERIFY(server_->requests.isEmpty());
+    }
+
+    void withoutAModelTheTextComesBackUnchangedWithAReason()
+    {
+        Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
+        const QByteArray input = "keep every word\nas said\n";
+        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("tidy")}, input);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, input);
+        QVERIFY2(run.err.contains(QStringLiteral("tolvane: no language model available")) &&
+                     run.err.contains(QStringLiteral("Connection refused")),
+                 qPrintable(run.err));
+    }
+
+    void aFailingServerLeavesTheTextUnchanged()
+    {
+        server_->chat = [](const QJsonObject&) { return FakeLlmServer::error(500, QStringLiteral("out of memory")); };
+        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("summary")}, "as spoken\n");
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, QByteArray("as spoken\n"));
+        QVERIFY2(run.err.contains(QStringLiteral("cleanup: error — the server answered HTTP 500: out of memory; pasting raw")),
+                 qPrintable(run.err));
+    }
+
+    void unknownModeIsAnError()
+    {
+        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("shout")}, "text\n");
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY(run.out.isEmpty());
+        QVERIFY2(run.err.contains(QStringLiteral("unknown cleanup mode “shout”")), qPrintable(run.err));
+        QVERIFY(server_->requests.isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(CleanupCommandTest)
+#include "CleanupCommandTest.moc"

@@ -1,0 +1,155 @@
+// A plain X client with one text field that records what reaches it. Commands arrive on standard
+// input, one per line:
+//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps", "terminalPastes"}
+//               to PATH as JSON,
+//               then answer "dumped"
+//   clear       empty the field and the counters, answer "cleared"
+//   quit
+// It announces "ready WINDOW-ID" once its window is on screen. A lone-Alt tap is an Alt press and
+// release with no other key event in between, as this client receives them: what would open a menu.
+
+#include <QAbstractNativeEventFilter>
+#include <QApplication>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QKeyEvent>
+#include <QPlainTextEdit>
+#include <QSocketNotifier>
+#include <QTextStream>
+#include <QTimer>
+
+#include <xcb/xcb.h>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+struct Counters {
+    int keyPresses = 0;
+    int backspaces = 0;
+    int spaces = 0;
+    int loneAltTaps = 0;
+    int terminalPastes = 0;  // Ctrl+Shift+V
+};
+
+constexpr unsigned altLeftKeycode = 64;
+constexpr unsigned altRightKeycode = 108;
+
+class KeyWatcher final : public QAbstractNativeEventFilter {
+public:
+    explicit KeyWatcher(Counters& c) : c_(c) {}
+    bool nativeEventFilter(const QByteArray& type, void* message, qintptr*) override
+    {
+        if (type != "xcb_generic_event_t")
+            return false;
+        const auto* ev = static_cast<const xcb_generic_event_t*>(message);
+        const uint8_t kind = ev->response_type & 0x7f;
+        if (kind != XCB_KEY_PRESS && kind != XCB_KEY_RELEASE)
+            return false;
+        const auto* key = static_cast<const xcb_key_press_event_t*>(message);
+        const bool isAlt = key->detail == altLeftKeycode || key->detail == altRightKeycode;
+        if (kind == XCB_KEY_PRESS) {
+            if (isAlt && altAlone_ == 0)
+                altAlone_ = key->detail;
+            else
+                altAlone_ = 0;
+        } else if (isAlt && altAlone_ == key->detail) {
+            ++c_.loneAltTaps;
+            altAlone_ = 0;
+        } else {
+            altAlone_ = 0;
+        }
+        return false;
+    }
+
+private:
+    Counters& c_;
+    unsigned altAlone_ = 0;
+};
+
+class Field final : public QPlainTextEdit {
+public:
+    explicit Field(Counters& c) : c_(c) {}
+
+protected:
+    void keyPressEvent(QKeyEvent* e) override
+    {
+        ++c_.keyPresses;
+        if (e->key() == Qt::Key_Backspace)
+            ++c_.backspaces;
+        if (e->key() == Qt::Key_Space)
+            ++c_.spaces;
+        if (e->key() == Qt::Key_V && e->modifiers() == (Qt::ControlModifier | Qt::ShiftModifier))
+            ++c_.terminalPastes;
+        QPlainTextEdit::keyPressEvent(e);
+    }
+
+private:
+    Counters& c_;
+};
+
+void answer(const char* line)
+{
+    std::fputs(line, stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    Counters counters;
+    KeyWatcher watcher(counters);
+    app.installNativeEventFilter(&watcher);
+
+    Field field(counters);
+    field.setTabChangesFocus(false);
+    field.resize(600, 400);
+    field.show();
+    field.activateWindow();
+    field.setFocus();
+    QTimer::singleShot(0, &field, [&field] {
+        answer(QStringLiteral("ready %1").arg(field.winId()).toUtf8().constData());
+    });
+
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    QByteArray pending;
+    QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
+        char buf[4096];
+        const ssize_t n = ::read(STDIN_FILENO, buf, sizeof buf);
+        if (n <= 0) {
+            app.quit();
+            return;
+        }
+        pending.append(buf, n);
+        qsizetype nl;
+        while ((nl = pending.indexOf('\n')) >= 0) {
+            const QString line = QString::fromUtf8(pending.left(nl)).trimmed();
+            pending.remove(0, nl + 1);
+            if (line.startsWith(QLatin1String("dump "))) {
+                const QJsonObject o{{QStringLiteral("text"), field.toPlainText()},
+                                    {QStringLiteral("keyPresses"), counters.keyPresses},
+                                    {QStringLiteral("backspaces"), counters.backspaces},
+                                    {QStringLiteral("spaces"), counters.spaces},
+                                    {QStringLiteral("loneAltTaps"), counters.loneAltTaps},
+                                    {QStringLiteral("terminalPastes"), counters.terminalPastes}};
+                QFile f(line.mid(5));
+                if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+                    f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));
+                f.close();
+                answer("dumped");
+            } else if (line == QLatin1String("clear")) {
+                field.clear();
+                counters = Counters();
+                answer("cleared");
+            } else if (line == QLatin1String("quit")) {
+                app.quit();
+            }
+        }
+    });
+    return app.exec();
+}
