@@ -1,6 +1,8 @@
 #include "BenchSpeech.h"
 
 #include <QDir>
+
+#include <pocketsphinx.h>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
@@ -143,5 +145,54 @@ double statusMB(const char* field)
 
 double residentMB() { return statusMB("VmRSS:"); }
 double peakResidentMB() { return statusMB("VmHWM:"); }
+
+BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings)
+{
+    const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
+    if (!model || !(ps_ = PocketsphinxEngine::createDecoder(*model, settings)))
+        qFatal("the decoder could not be made: pocketsphinx-en-us is needed");
+}
+
+BareDecoder::~BareDecoder() { ps_free(ps_); }
+
+void BareDecoder::begin()
+{
+    heard_.clear();
+    inSegment_ = false;
+    ps_start_stream(ps_);
+    ps_start_utt(ps_);
+}
+
+void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withPartial)
+{
+    ps_process_raw(ps_, samples, count, FALSE, FALSE);
+    if (ps_get_in_speech(ps_)) {
+        inSegment_ = true;
+        if (withPartial)
+            ps_get_hyp(ps_, nullptr);
+    } else if (inSegment_) {
+        ps_end_utt(ps_);
+        if (const char* hyp = ps_get_hyp(ps_, nullptr))
+            heard_ << QString::fromUtf8(hyp);
+        ps_start_utt(ps_);
+        inSegment_ = false;
+    }
+}
+
+QString BareDecoder::end()
+{
+    ps_end_utt(ps_);
+    if (const char* hyp = ps_get_hyp(ps_, nullptr))
+        heard_ << QString::fromUtf8(hyp);
+    return heard_.join(QLatin1Char(' '));
+}
+
+std::vector<std::int16_t> toPcm(const std::vector<float>& samples)
+{
+    std::vector<std::int16_t> pcm(samples.size());
+    for (size_t i = 0; i < pcm.size(); ++i)
+        pcm[i] = static_cast<std::int16_t>(std::lrint(std::clamp(samples[i], -1.0f, 1.0f) * 32767.0f));
+    return pcm;
+}
 
 }  // namespace BenchSpeech

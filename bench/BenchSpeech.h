@@ -3,10 +3,15 @@
 // What the speech benchmarks share: the spoken sentences (synthesised once with festival's HTS
 // voice and kept in a cache folder), word error counting and small statistics.
 
+#include "speech/PocketsphinxEngine.h"
+
 #include <QString>
 #include <QStringList>
 
+#include <cstdint>
 #include <vector>
+
+struct ps_decoder_s;
 
 namespace BenchSpeech {
 
@@ -32,5 +37,23 @@ double percentile(std::vector<double> values, double p);  // nearest rank, p in 
 double cpuSeconds();
 double residentMB();
 double peakResidentMB();
+
+// The pocketsphinx decoder driven bare, block by block, ending a segment at its voice-activity end
+// as the engine does. One utterance stream per begin() … end().
+class BareDecoder {
+public:
+    explicit BareDecoder(const PocketsphinxEngine::Settings& settings);  // the Debian en-US model
+    ~BareDecoder();
+    void begin();
+    void feed(const std::int16_t* samples, size_t count, bool withPartial = false);
+    QString end();  // ends the last utterance; the whole text heard
+
+private:
+    ps_decoder_s* ps_ = nullptr;
+    bool inSegment_ = false;
+    QStringList heard_;
+};
+
+std::vector<std::int16_t> toPcm(const std::vector<float>& samples);
 
 }  // namespace BenchSpeech

@@ -11,8 +11,6 @@
 #include <QCoreApplication>
 #include <QDir>
 
-#include <pocketsphinx.h>
-#include <sphinxbase/err.h>
 
 #include <chrono>
 #include <cmath>
@@ -29,32 +27,12 @@ struct Candidate {
     PocketsphinxEngine::Settings settings;
 };
 
-ps_decoder_t* makeDecoder(const PocketsphinxEngine::Model& model, const PocketsphinxEngine::Settings& settings)
-{
-    QStringList args = PocketsphinxEngine::decoderArguments(model, settings);
-    args.prepend(QStringLiteral("bench"));
-    std::vector<QByteArray> bytes;
-    for (const QString& a : args)
-        bytes.push_back(a.toLocal8Bit());
-    std::vector<char*> argv;
-    for (QByteArray& b : bytes)
-        argv.push_back(b.data());
-    cmd_ln_t* config = cmd_ln_parse_r(nullptr, ps_args(), static_cast<int32>(argv.size()), argv.data(), FALSE);
-    ps_decoder_t* ps = ps_init(config);
-    cmd_ln_free_r(config);
-    return ps;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    err_set_logfp(nullptr);
     const QString cache = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QDir::tempPath() + QStringLiteral("/tolvane-bench-speech");
-    const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
-    if (!model)
-        qFatal("pocketsphinx-en-us is needed");
 
     auto with = [](bool fwdflat, bool bestpath, int post, QStringList extra = {}) {
         PocketsphinxEngine::Settings s;
@@ -92,47 +70,25 @@ int main(int argc, char** argv)
     std::printf("%-38s %7s %9s %9s %9s %7s\n", "settings", "WER %", "end p50", "end p95", "end max", "RTF");
 
     for (const Candidate& c : candidates) {
-        ps_decoder_t* ps = makeDecoder(*model, c.settings);
-        if (!ps)
-            qFatal("decoder failed for %s", c.name);
+        BenchSpeech::BareDecoder decoder(c.settings);
         int errors = 0;
         std::vector<double> endTimes;
         const double cpu0 = BenchSpeech::cpuSeconds();
         for (const auto& r : recordings) {
-            std::vector<int16> pcm(r.mono16k.size());
-            for (size_t i = 0; i < pcm.size(); ++i)
-                pcm[i] = static_cast<int16>(std::lrint(std::clamp(r.mono16k[i], -1.0f, 1.0f) * 32767.0f));
-            QStringList heard;
-            ps_start_stream(ps);
-            ps_start_utt(ps);
-            bool inSegment = false;
-            for (size_t at = 0; at < pcm.size(); at += 341) {
-                const size_t n = std::min<size_t>(341, pcm.size() - at);
-                ps_process_raw(ps, pcm.data() + at, n, FALSE, FALSE);
-                if (ps_get_in_speech(ps)) {
-                    inSegment = true;
-                } else if (inSegment) {
-                    ps_end_utt(ps);
-                    if (const char* hyp = ps_get_hyp(ps, nullptr))
-                        heard << QString::fromUtf8(hyp);
-                    ps_start_utt(ps);
-                    inSegment = false;
-                }
-            }
+            const std::vector<std::int16_t> pcm = BenchSpeech::toPcm(r.mono16k);
+            decoder.begin();
+            for (size_t at = 0; at < pcm.size(); at += 341)
+                decoder.feed(pcm.data() + at, std::min<size_t>(341, pcm.size() - at));
             const auto t = Clock::now();
-            ps_end_utt(ps);
-            const char* hyp = ps_get_hyp(ps, nullptr);
+            const QString heard = decoder.end();
             endTimes.push_back(msSince(t));
-            if (hyp)
-                heard << QString::fromUtf8(hyp);
-            errors += BenchSpeech::wordErrors(BenchSpeech::words(r.text), BenchSpeech::words(heard.join(QLatin1Char(' '))));
+            errors += BenchSpeech::wordErrors(BenchSpeech::words(r.text), BenchSpeech::words(heard));
         }
         const double rtf = (BenchSpeech::cpuSeconds() - cpu0) / totalSeconds;
         std::printf("%-38s %7.1f %7.1fms %7.1fms %7.1fms %7.3f\n", c.name, 100.0 * errors / referenceWords,
                     BenchSpeech::median(endTimes), BenchSpeech::percentile(endTimes, 95),
                     BenchSpeech::percentile(endTimes, 100), rtf);
         std::fflush(stdout);
-        ps_free(ps);
     }
     }
     return 0;

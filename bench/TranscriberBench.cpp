@@ -23,8 +23,6 @@
 #include <QJsonObject>
 #include <QProcess>
 
-#include <pocketsphinx.h>
-#include <sphinxbase/err.h>
 
 #include <qcoro/qcorosignal.h>
 #include <qcoro/qcorotask.h>
@@ -112,59 +110,27 @@ QCoro::Task<Result> realPath(std::vector<BenchSpeech::Recording> recordings)
 
 Result bareEngine(const std::vector<BenchSpeech::Recording>& recordings)
 {
-    err_set_logfp(nullptr);
-    const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
-    QStringList args = PocketsphinxEngine::decoderArguments(*model, PocketsphinxEngine::Settings());
-    args.prepend(QStringLiteral("bench"));
-    std::vector<QByteArray> bytes;
-    for (const QString& a : args)
-        bytes.push_back(a.toLocal8Bit());
-    std::vector<char*> argv;
-    for (QByteArray& b : bytes)
-        argv.push_back(b.data());
-    cmd_ln_t* config = cmd_ln_parse_r(nullptr, ps_args(), static_cast<int32>(argv.size()), argv.data(), FALSE);
-    ps_decoder_t* ps = ps_init(config);
-    cmd_ln_free_r(config);
-
+    BenchSpeech::BareDecoder decoder{PocketsphinxEngine::Settings()};
     // 341 samples at 16 kHz last as long as a 1024-frame block at 48 kHz.
     constexpr size_t block = 341;
     const auto blockDuration = std::chrono::duration<double>(1024.0 / 48000.0);
     Tally tally;
     const double cpu0 = BenchSpeech::cpuSeconds();
     for (const auto& r : recordings) {
-        std::vector<int16> pcm(r.mono16k.size());
-        for (size_t i = 0; i < pcm.size(); ++i)
-            pcm[i] = static_cast<int16>(std::lrint(std::clamp(r.mono16k[i], -1.0f, 1.0f) * 32767.0f));
-        QStringList heard;
-        ps_start_stream(ps);
-        ps_start_utt(ps);
-        bool inSegment = false;
+        const std::vector<std::int16_t> pcm = BenchSpeech::toPcm(r.mono16k);
+        decoder.begin();
         const auto start = Clock::now();
         Clock::time_point arrived;
         size_t n = 0;
         for (size_t at = 0; at < pcm.size(); at += block, ++n) {
             arrived = start + std::chrono::duration_cast<Clock::duration>(blockDuration * static_cast<double>(n + 1));
             std::this_thread::sleep_until(arrived);
-            ps_process_raw(ps, pcm.data() + at, std::min(block, pcm.size() - at), FALSE, FALSE);
-            if (ps_get_in_speech(ps)) {
-                inSegment = true;
-                ps_get_hyp(ps, nullptr);  // the partial hypothesis the engine reports
-            } else if (inSegment) {
-                ps_end_utt(ps);
-                if (const char* hyp = ps_get_hyp(ps, nullptr))
-                    heard << QString::fromUtf8(hyp);
-                ps_start_utt(ps);
-                inSegment = false;
-            }
+            decoder.feed(pcm.data() + at, std::min(block, pcm.size() - at), true);  // with the engine's partials
         }
-        ps_end_utt(ps);
-        if (const char* hyp = ps_get_hyp(ps, nullptr))
-            heard << QString::fromUtf8(hyp);
-        tally.add(r, heard.join(QLatin1Char(' ')), std::chrono::duration<double, std::milli>(Clock::now() - arrived).count());
+        const QString heard = decoder.end();
+        tally.add(r, heard, std::chrono::duration<double, std::milli>(Clock::now() - arrived).count());
     }
-    const Result result = tally.result(BenchSpeech::cpuSeconds() - cpu0);
-    ps_free(ps);
-    return result;
+    return tally.result(BenchSpeech::cpuSeconds() - cpu0);
 }
 
 void printRow(const char* name, const Result& r)

@@ -241,6 +241,8 @@ QCoro::Task<void> ModelInventory::fetch(ModelSource source, QString archivePath)
     }
     if (writeFailed || file.error() != QFileDevice::NoError)
         throw CollaboratorError(QStringLiteral("Could not write ") + archivePath + QStringLiteral(": ") + file.errorString());
+    Diagnostics::log(QStringLiteral("transcriber: downloaded model for ") + id + QStringLiteral(": ")
+                     + megabytes(QFileInfo(archivePath).size()) + QStringLiteral(" MB"));
 }
 
 QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)

@@ -82,7 +82,7 @@ QStringList PocketsphinxEngine::decoderArguments(const Model& model, const Setti
     return args + settings.extra;
 }
 
-std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model, const Settings& settings)
+ps_decoder_s* PocketsphinxEngine::createDecoder(const Model& model, const Settings& settings)
 {
     static std::once_flag quiet;
     std::call_once(quiet, [] { err_set_logfp(nullptr); });  // the decoder's chatter is not ours to print
@@ -96,9 +96,15 @@ std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model,
         argv.push_back(b.data());
     cmd_ln_t* config = cmd_ln_parse_r(nullptr, ps_args(), static_cast<int32>(argv.size()), argv.data(), FALSE);
     if (!config)
-        throw CollaboratorError(QStringLiteral("The speech decoder rejected its settings: ") + args.join(QLatin1Char(' ')));
+        return nullptr;
     ps_decoder_t* decoder = ps_init(config);
     cmd_ln_free_r(config);
+    return decoder;
+}
+
+std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model, const Settings& settings)
+{
+    ps_decoder_t* decoder = createDecoder(model, settings);
     if (!decoder) {
         throw CollaboratorError(QStringLiteral("Could not load the speech model in ")
                                 + QFileInfo(model.acousticModel).absolutePath());
