@@ -399,12 +399,17 @@ QCoro::Task<> AppDelegate::runComparison(QString raw)
     CompareModel& model = compareWindow->model();
     model.setArmed(false);
     model.setRaw(raw);
+    // One after another, each on the transcript as recognised. Each result is named before it is
+    // used: GCC 12 mishandles temporaries around a co_await inside a call's arguments.
     model.setStatus(QStringLiteral("Cleaning up on-device… (Tidy)"));
-    model.setTidy(co_await cleanup->process(raw, CleanupMode::tidy));
+    const QString tidy = co_await cleanup->process(raw, CleanupMode::tidy);
+    model.setTidy(tidy);
     model.setStatus(QStringLiteral("Cleaning up on-device… (Bullets)"));
-    model.setBullets(co_await cleanup->process(raw, CleanupMode::bullets));
+    const QString bullets = co_await cleanup->process(raw, CleanupMode::bullets);
+    model.setBullets(bullets);
     model.setStatus(QStringLiteral("Cleaning up on-device… (Summary)"));
-    model.setSummary(co_await cleanup->process(raw, CleanupMode::summary));
+    const QString summary = co_await cleanup->process(raw, CleanupMode::summary);
+    model.setSummary(summary);
     model.setStatus(QStringLiteral("Done — compare the four results below. Copy any of them."));
 }
 

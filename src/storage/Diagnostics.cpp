@@ -31,11 +31,13 @@ public:
         thread_.join();
     }
 
-    void enqueue(QByteArray line)
+    // The standard-error copy is written by the writer thread too: a caller on the audio thread must
+    // not wait on a pipe nobody reads.
+    void enqueue(QByteArray line, QByteArray mirror)
     {
         {
             std::lock_guard lock(mutex_);
-            pending_.push_back(std::move(line));
+            pending_.push_back({std::move(line), std::move(mirror)});
             ++queued_;
         }
         wake_.notify_all();
@@ -58,11 +60,16 @@ private:
             wake_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
             if (pending_.empty() && stopping_)
                 return;
-            std::deque<QByteArray> batch;
+            std::deque<Entry> batch;
             batch.swap(pending_);
             lock.unlock();
-            for (const QByteArray& line : batch)
-                write(line);
+            for (const Entry& entry : batch) {
+                write(entry.line);
+                if (!entry.mirror.isEmpty()) {
+                    std::fwrite(entry.mirror.constData(), 1, static_cast<size_t>(entry.mirror.size()), stderr);
+                    std::fflush(stderr);
+                }
+            }
             lock.lock();
             written_ += batch.size();
             drained_.notify_all();
@@ -91,7 +98,11 @@ private:
     std::mutex mutex_;
     std::condition_variable wake_;
     std::condition_variable drained_;
-    std::deque<QByteArray> pending_;
+    struct Entry {
+        QByteArray line;
+        QByteArray mirror;
+    };
+    std::deque<Entry> pending_;
     quint64 queued_ = 0;
     quint64 written_ = 0;
     bool stopping_ = false;
@@ -128,11 +139,10 @@ void log(const QString& message, const char* file, int line)
         const QString stamp = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs);
         QString text = stamp + QStringLiteral(" [") + sourceName(file) + QLatin1Char(':') + QString::number(line)
                        + QStringLiteral("] ") + message + QLatin1Char('\n');
-        writer().enqueue(text.toUtf8());
-        if (mirrored.load(std::memory_order_relaxed)) {
-            const QByteArray mirror = QStringLiteral("Tolvane: %1\n").arg(message).toUtf8();
-            std::fwrite(mirror.constData(), 1, static_cast<size_t>(mirror.size()), stderr);
-        }
+        QByteArray mirror;
+        if (mirrored.load(std::memory_order_relaxed))
+            mirror = (QStringLiteral("Tolvane: ") + message + QLatin1Char('\n')).toUtf8();
+        writer().enqueue(text.toUtf8(), std::move(mirror));
     } catch (...) {
         // Logging must never take the caller down.
     }

@@ -6,8 +6,8 @@
 
 // The one logging call. Each line goes to <data>/Tolvane/diagnostic.log as
 //   2026-03-14T09:26:53.589Z [Preferences:118] prefs: startAtLogin = true
-// and the bare message is mirrored to standard error. Callable from any thread; the caller never
-// waits for the disk and nothing here throws.
+// and the bare message is mirrored to standard error, both by one writer thread. Callable from any
+// thread; the caller never waits for the disk or the terminal, and nothing here throws.
 namespace Diagnostics {
 
 void log(const QString& message, const char* file = std::source_location::current().file_name(),

@@ -125,6 +125,9 @@ void MenuBarController::install()
     QAction* updates = menu_->addAction(QStringLiteral("Check for Updates…"));
     connect(updates, &QAction::triggered, this, &MenuBarController::checkForUpdates);
     menu_->addMenu(recentMenu_.get());
+    // The way to the comparison window: the next dictation is shown in all four cleanup modes.
+    QAction* compare = menu_->addAction(QStringLiteral("Compare Cleanup Modes…"));
+    connect(compare, &QAction::triggered, this, &MenuBarController::openCompare);
     menu_->addSeparator();
     QAction* quitItem = menu_->addAction(QStringLiteral("Quit Tolvane"));
     quitItem->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));

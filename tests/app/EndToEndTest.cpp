@@ -235,6 +235,16 @@ private Q_SLOTS:
         QVERIFY2(wordsHeard(QStringLiteral("please call me back after lunch"), last) >= 3, qPrintable(last));
     }
 
+    void secondLaunchHandsOverToTheRunningOne()
+    {
+        QProcess second;
+        second.start(QStringLiteral(TOLVANE_BINARY), {});
+        QVERIFY(second.waitForFinished(15000));
+        QCOMPARE(second.exitCode(), 0);
+        QVERIFY(QString::fromUtf8(second.readAllStandardOutput()).contains(QStringLiteral("already running")));
+        QCOMPARE(tolvane_.state(), QProcess::Running);
+    }
+
     void noMicrophoneGivesThePromptAndNoCrash()
     {
         stopTolvane();

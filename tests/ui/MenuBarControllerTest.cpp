@@ -112,15 +112,16 @@ private Q_SLOTS:
         MenuBarController& c = installed();
         QCOMPARE(shown(c.menu()), (QStringList{QStringLiteral("About Tolvane"), QStringLiteral("Settings…"),
                                                QStringLiteral("Check for Updates…"), QStringLiteral("Recent Transcripts"),
-                                               QStringLiteral("—"), QStringLiteral("Quit Tolvane")}));
+                                               QStringLiteral("Compare Cleanup Modes…"), QStringLiteral("—"),
+                                               QStringLiteral("Quit Tolvane")}));
         const QList<QAction*> items = c.menu()->actions();
         QCOMPARE(items[1]->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Comma));
-        QCOMPARE(items[5]->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
+        QCOMPARE(items[6]->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
         QCOMPARE(items[3]->menu(), c.recentMenu());
         QVERIFY(items[0]->shortcut().isEmpty() && items[2]->shortcut().isEmpty());
 
         // Unset callbacks do nothing.
-        for (int i : {0, 1, 2})
+        for (int i : {0, 1, 2, 4})
             items[i]->trigger();
         c.openCompare();
 
@@ -133,7 +134,7 @@ private Q_SLOTS:
         items[2]->trigger();
         QCOMPARE(about, 1);
         QCOMPARE(updates, 1);
-        c.openCompare();  // reachable only from code: the menu has no entry for it
+        items[4]->trigger();
         QCOMPARE(compare, 1);
 
         // Ctrl+, answers while the menu is open.
