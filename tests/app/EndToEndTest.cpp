@@ -26,26 +26,6 @@ namespace {
 constexpr unsigned altL = 64, space = 65, escape = 9;
 const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.");
 
-QStringList pactl(const QStringList& args)
-{
-    QProcess p;
-    p.start(QStringLiteral("pactl"), args);
-    p.waitForFinished(10000);
-    if (p.exitStatus() != QProcess::NormalExit || p.exitCode() != 0)
-        return {};
-    return QString::fromUtf8(p.readAllStandardOutput()).split(QLatin1Char('\n'));
-}
-
-// 16 kHz mono float samples as the pipe source's signed 16-bit frames.
-QByteArray pcm16(const std::vector<float>& samples)
-{
-    QByteArray out(static_cast<qsizetype>(samples.size() * 2), Qt::Uninitialized);
-    auto* p = reinterpret_cast<qint16*>(out.data());
-    for (float s : samples)
-        *p++ = static_cast<qint16>(std::clamp(s, -1.0f, 1.0f) * 32767.0f);
-    return out;
-}
-
 }  // namespace
 
 class EndToEndTest : public QObject {
@@ -138,20 +118,13 @@ class EndToEndTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(AudioTest::forbidSoundServerAutospawn());
         fifo_ = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/mic.fifo");
-        daemon_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        daemon_.start(QStringLiteral("pulseaudio"),
-                      {QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
-                       QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix"),
-                       QStringLiteral("--load=module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo_)});
-        QVERIFY2(daemon_.waitForStarted(10000), "pulseaudio is needed (scripts/setup.sh --test installs it)");
-        QVERIFY(TestSupport::waitUntil([] { return !pactl({QStringLiteral("info")}).isEmpty(); }, 15000));
-        QVERIFY(!pactl({QStringLiteral("set-default-source"), QStringLiteral("mic")}).isEmpty());
+        const QString micProblem = AudioTest::startPipeMicrophone(daemon_, fifo_);
+        QVERIFY2(micProblem.isEmpty(), qPrintable(micProblem));
 
-        holdSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("pick up milk and eggs on the way home")));
-        handsFreeSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("the meeting moved to three o'clock")));
-        liveSpeech_ = pcm16(SpeechTest::synthesize(QStringLiteral("please call me back after lunch")));
+        holdSpeech_ = AudioTest::pcm16(SpeechTest::synthesize(QStringLiteral("pick up milk and eggs on the way home")));
+        handsFreeSpeech_ = AudioTest::pcm16(SpeechTest::synthesize(QStringLiteral("the meeting moved to three o'clock")));
+        liveSpeech_ = AudioTest::pcm16(SpeechTest::synthesize(QStringLiteral("please call me back after lunch")));
         QVERIFY2(!holdSpeech_.isEmpty() && !handsFreeSpeech_.isEmpty() && !liveSpeech_.isEmpty(),
                  "festival and sox are needed (scripts/setup.sh --test installs them)");
 

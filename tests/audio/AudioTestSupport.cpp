@@ -1,11 +1,14 @@
 #include "AudioTestSupport.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QThread>
 
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -92,6 +95,47 @@ bool forbidSoundServerAutospawn()
     QDir().mkpath(config);
     QFile conf(config + QStringLiteral("/client.conf"));
     return conf.open(QIODevice::WriteOnly) && conf.write("autospawn = no\n") > 0;
+}
+
+QStringList pactl(const QStringList& args)
+{
+    QProcess p;
+    p.start(QStringLiteral("pactl"), args);
+    p.waitForFinished(10000);
+    if (p.exitStatus() != QProcess::NormalExit || p.exitCode() != 0)
+        return {};
+    return QString::fromUtf8(p.readAllStandardOutput()).split(QLatin1Char('\n'));
+}
+
+QString startPipeMicrophone(QProcess& daemon, const QString& fifo)
+{
+    if (!forbidSoundServerAutospawn())
+        return QStringLiteral("cannot write the sound-server client configuration");
+    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon.start(QStringLiteral("pulseaudio"),
+                 {QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
+                  QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix"),
+                  QStringLiteral("--load=module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo)});
+    if (!daemon.waitForStarted(10000))
+        return QStringLiteral("pulseaudio is needed (scripts/setup.sh --test installs it)");
+    QDeadlineTimer deadline(15000);
+    while (pactl({QStringLiteral("info")}).isEmpty()) {
+        if (deadline.hasExpired() || daemon.state() != QProcess::Running)
+            return QStringLiteral("the PulseAudio daemon did not answer");
+        QThread::msleep(50);
+    }
+    if (pactl({QStringLiteral("set-default-source"), QStringLiteral("mic")}).isEmpty())
+        return QStringLiteral("the pipe source is missing");
+    return {};
+}
+
+QByteArray pcm16(const std::vector<float>& samples)
+{
+    QByteArray out(static_cast<qsizetype>(samples.size() * 2), Qt::Uninitialized);
+    auto* p = reinterpret_cast<qint16*>(out.data());
+    for (float s : samples)
+        *p++ = static_cast<qint16>(std::clamp(s, -1.0f, 1.0f) * 32767.0f);
+    return out;
 }
 
 QString sandboxPath(const QString& name)

@@ -4,7 +4,10 @@
 
 #include "audio/AudioBuffer.h"
 
+#include <QByteArray>
+#include <QProcess>
 #include <QString>
+#include <QStringList>
 
 #include <vector>
 
@@ -36,6 +39,17 @@ bool speak(const QString& text, const QString& path);
 // Keeps sound-server clients of this test from starting a daemon of their own (libpulse's
 // autospawn), through the client configuration in the test's XDG_CONFIG_HOME; false when it cannot.
 bool forbidSoundServerAutospawn();
+
+// Runs pactl against the sandbox's sound server; its output lines, or nothing when it fails.
+QStringList pactl(const QStringList& args);
+
+// Starts a PulseAudio daemon in `daemon` whose default source "mic" is a pipe at `fifo` read as
+// 16 kHz mono s16le (while nothing is written, it delivers nothing), with autospawn forbidden.
+// Returns what went wrong, or an empty string once the daemon answers.
+QString startPipeMicrophone(QProcess& daemon, const QString& fifo);
+
+// Float samples as signed 16-bit little-endian frames, as a pipe source reads them.
+QByteArray pcm16(const std::vector<float>& samples);
 
 // A fresh file path inside the test's sandbox.
 QString sandboxPath(const QString& name);

@@ -98,6 +98,7 @@ std::optional<RecordingClient::Received> RecordingClient::dump()
     r.spaces = o.value(QStringLiteral("spaces")).toInt();
     r.loneAltTaps = o.value(QStringLiteral("loneAltTaps")).toInt();
     r.terminalPastes = o.value(QStringLiteral("terminalPastes")).toInt();
+    r.lastChangeUs = o.value(QStringLiteral("lastChangeUs")).toInteger();
     return r;
 }
 

@@ -20,6 +20,7 @@ public:
         int spaces = 0;
         int loneAltTaps = 0;
         int terminalPastes = 0;
+        qint64 lastChangeUs = 0;  // CLOCK_MONOTONIC (std::chrono::steady_clock) of the last change
     };
 
     static constexpr int pollIntervalMs = 10;

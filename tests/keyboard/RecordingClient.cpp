@@ -1,8 +1,9 @@
 // A plain X client with one text field that records what reaches it. Commands arrive on standard
 // input, one per line:
-//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps", "terminalPastes"}
-//               to PATH as JSON,
-//               then answer "dumped"
+//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps", "terminalPastes",
+//               "lastChangeUs"} to PATH as JSON, then answer "dumped"; lastChangeUs is the
+//               monotonic clock (CLOCK_MONOTONIC, microseconds) when the text last changed, so a
+//               benchmark can time an arrival without depending on how often it asks
 //   clear       empty the field and the counters, answer "cleared"
 //   quit
 // It announces "ready WINDOW-ID" once its window is on screen. A lone-Alt tap is an Alt press and
@@ -21,6 +22,7 @@
 
 #include <xcb/xcb.h>
 
+#include <chrono>
 #include <cstdio>
 #include <unistd.h>
 
@@ -32,7 +34,14 @@ struct Counters {
     int spaces = 0;
     int loneAltTaps = 0;
     int terminalPastes = 0;  // Ctrl+Shift+V
+    qint64 lastChangeUs = 0;
 };
+
+// steady_clock is CLOCK_MONOTONIC here, the same clock in every process on the machine.
+qint64 monotonicMicroseconds()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
 
 constexpr unsigned altLeftKeycode = 64;
 constexpr unsigned altRightKeycode = 108;
@@ -112,6 +121,7 @@ int main(int argc, char** argv)
     field.show();
     field.activateWindow();
     field.setFocus();
+    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&counters] { counters.lastChangeUs = monotonicMicroseconds(); });
     QTimer::singleShot(0, &field, [&field] {
         answer(QStringLiteral("ready %1").arg(field.winId()).toUtf8().constData());
     });
@@ -136,7 +146,8 @@ int main(int argc, char** argv)
                                     {QStringLiteral("backspaces"), counters.backspaces},
                                     {QStringLiteral("spaces"), counters.spaces},
                                     {QStringLiteral("loneAltTaps"), counters.loneAltTaps},
-                                    {QStringLiteral("terminalPastes"), counters.terminalPastes}};
+                                    {QStringLiteral("terminalPastes"), counters.terminalPastes},
+                                    {QStringLiteral("lastChangeUs"), counters.lastChangeUs}};
                 QFile f(line.mid(5));
                 if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
                     f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));
