@@ -1,6 +1,7 @@
 #include "storage/Preferences.h"
 #include "support/TestSupport.h"
 
+#include <QDir>
 #include <QFile>
 #include <QSignalSpy>
 #include <QTest>
@@ -15,6 +16,7 @@ QByteArray storeBytes()
 void writeRawStore(const QByteArray& ini)
 {
     QFile f(Preferences::shared().storePath());
+    QDir().mkpath(QFileInfo(f).absolutePath());  // nothing may have been saved yet
     QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
     f.write(ini);
 }
