@@ -174,8 +174,6 @@ private Q_SLOTS:
             << 503 << QByteArray() << QStringLiteral("cleanup: error — the server answered HTTP 503; pasting raw");
         QTest::newRow("not JSON") << 200 << QByteArray("<html>oops</html>")
                                   << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
-        QTest::newRow("no choices") << 200 << QByteArray(R"({"choices":[]})")
-                                    << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
         QTest::newRow("null content")
             << 200 << QByteArray(R"({"choices":[{"message":{"role":"assistant","content":null}}]})")
             << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
