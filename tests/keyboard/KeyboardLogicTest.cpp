@@ -10,7 +10,6 @@
 #include "support/TestSupport.h"
 
 #include <QApplication>
-#include <QClipboard>
 #include <QTest>
 
 #include <map>

@@ -118,10 +118,7 @@ private Q_SLOTS:
         server_->models = {QStringLiteral("a"), QStringLiteral("b")};
         Preferences::shared().setValue(Settings::llmModel, QStringLiteral("b"));
         CleanupEngine engine;
-        const CleanupEngine::Availability found = await(engine.checkAvailability());
-        QVERIFY(found.available);
-        QCOMPARE(found.model, QStringLiteral("b"));
-        QCOMPARE(found.endpoint, server_->endpoint());
+        QCOMPARE(await(engine.checkAvailability()).model, QStringLiteral("b"));
         await(engine.process(QStringLiteral("x"), CleanupMode::tidy));
         QCOMPARE(server_->chatRequests().value(0).json().value(QLatin1String("model")).toString(), QStringLiteral("b"));
     }
@@ -138,8 +135,6 @@ private Q_SLOTS:
                                           << QStringLiteral("keep me") << QStringLiteral("cleanup: mode=tidy in=7 out=0");
         QTest::newRow("markers only") << QStringLiteral("keep me") << QStringLiteral("<<<BEGIN TEXT>>>\n\n<<<END TEXT>>>")
                                       << QStringLiteral("keep me") << QStringLiteral("cleanup: mode=tidy in=7 out=0");
-        QTest::newRow("nothing") << QStringLiteral("keep me") << QString() << QStringLiteral("keep me")
-                                 << QStringLiteral("cleanup: mode=tidy in=7 out=0");
         QTest::newRow("markers anywhere, inner layout kept")
             << QStringLiteral("a b") << QStringLiteral("- one<<<END TEXT>>>\n\n- two <<<BEGIN TEXT>>>")
             << QStringLiteral("- one\n\n- two") << QStringLiteral("cleanup: mode=tidy in=3 out=12");
@@ -179,8 +174,6 @@ private Q_SLOTS:
             << 503 << QByteArray() << QStringLiteral("cleanup: error — the server answered HTTP 503; pasting raw");
         QTest::newRow("not JSON") << 200 << QByteArray("<html>oops</html>")
                                   << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
-        QTest::newRow("no choices") << 200 << QByteArray(R"({"choices":[]})")
-                                    << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
         QTest::newRow("null content")
             << 200 << QByteArray(R"({"choices":[{"message":{"role":"assistant","content":null}}]})")
             << QStringLiteral("cleanup: error — the server's answer holds no message text; pasting raw");
@@ -230,8 +223,6 @@ private Q_SLOTS:
                                                   << QStringLiteral("does not offer the model “llama3” (it offers test-model)");
         QTest::newRow("not a server address") << QStringLiteral("127.0.0.1:8080") << one << 200 << QString()
                                               << QStringLiteral("is not a server address");
-        QTest::newRow("other scheme") << QStringLiteral("ftp://127.0.0.1/v1") << one << 200 << QString()
-                                      << QStringLiteral("is not a server address");
         // Documentation-only addresses: never contacted, refused before any connection.
         QTest::newRow("remote address") << QStringLiteral("http://192.0.2.1:1/v1") << one << 200 << QString()
                                         << QStringLiteral("http://192.0.2.1:1/v1 is not on this computer");
@@ -308,8 +299,7 @@ private Q_SLOTS:
         const QString closed = FakeLlmServer::closedEndpoint();
 
         CleanupEngine engine;
-        QCOMPARE(engine.wellKnownEndpoints(), CleanupEngine::defaultWellKnownEndpoints());
-        QCOMPARE(CleanupEngine::defaultWellKnownEndpoints(),
+        QCOMPARE(engine.wellKnownEndpoints(),
                  (QStringList{QStringLiteral("http://127.0.0.1:11434/v1"), QStringLiteral("http://127.0.0.1:8080/v1")}));
 
         engine.setWellKnownEndpoints({closed, second.endpoint(), server_->endpoint()});

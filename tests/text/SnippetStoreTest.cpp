@@ -20,12 +20,6 @@ class SnippetStoreTest : public QObject {
 private Q_SLOTS:
     void init() { Preferences::shared().remove(key); }
 
-    void nothingStoredReadsEmptyAndExpandsNothing()
-    {
-        QVERIFY(SnippetStore::load().isEmpty());
-        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet work email")), std::nullopt);
-    }
-
     void saveStoresCompactArrayWithUpperCaseIdsAndLoadsItBack()
     {
         const QList<Snippet> list = {make(QStringLiteral("Work Email"), QStringLiteral("me@example.org")),
@@ -49,7 +43,9 @@ private Q_SLOTS:
 
         SnippetStore::save({});
         QCOMPARE(stored(), QByteArray("[]"));
+        Preferences::shared().remove(key);  // nothing stored at all reads empty and expands nothing
         QVERIFY(SnippetStore::load().isEmpty());
+        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet work email")), std::nullopt);
     }
 
     void readsDataWrittenByOthers()
@@ -68,12 +64,10 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("data");
         const QByteArray good = R"({"id":"6F1C2D3E-4B5A-4C6D-8E7F-0A1B2C3D4E5F","trigger":"a","replacement":"b"})";
         QTest::newRow("not json") << QByteArray("not json at all");
-        QTest::newRow("truncated") << QByteArray("[") + good;
         QTest::newRow("object, not array") << good;
         QTest::newRow("one element lacks replacement")
             << QByteArray("[") + good + R"(,{"id":"7F1C2D3E-4B5A-4C6D-8E7F-0A1B2C3D4E5F","trigger":"work email"}])";
         QTest::newRow("missing id") << QByteArray(R"([{"trigger":"a","replacement":"b"}])");
-        QTest::newRow("missing trigger") << QByteArray(R"([{"id":"6F1C2D3E-4B5A-4C6D-8E7F-0A1B2C3D4E5F","replacement":"b"}])");
         QTest::newRow("id not a uuid") << QByteArray(R"([{"id":"42","trigger":"a","replacement":"b"}])");
         QTest::newRow("id with braces")
             << QByteArray(R"([{"id":"{6F1C2D3E-4B5A-4C6D-8E7F-0A1B2C3D4E5F}","trigger":"a","replacement":"b"}])");
@@ -99,16 +93,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("spoken");
         QTest::addColumn<QString>("expected");  // empty: no expansion
         const QString mail = QStringLiteral("Jane Doe <jane@example.org>\nACME Ltd.");
-        QTest::newRow("capitalised, full stop") << QStringLiteral("Snippet work email.") << mail;
         QTest::newRow("several blanks after the word") << QStringLiteral("snippet     work email") << mail;
         QTest::newRow("snip it, exclamation mark") << QStringLiteral("snip it work email!") << mail;
-        QTest::newRow("run of trailing punctuation") << QStringLiteral("snippet work email?!.;:,") << mail;
+        QTest::newRow("capitalised, run of trailing punctuation") << QStringLiteral("Snippet work email?!.;:,") << mail;
         QTest::newRow("surrounding white space and line breaks") << QStringLiteral("\n  SNIPPET WORK EMAIL \t\n") << mail;
-        QTest::newRow("tab after the remainder") << QStringLiteral("snippet work email\t.") << mail;
         QTest::newRow("comma after the command word") << QStringLiteral("snippet, work email") << QString();
         QTest::newRow("prefix not at the start") << QStringLiteral("please snippet work email") << QString();
         QTest::newRow("extra words after the trigger") << QStringLiteral("snippet work email please") << QString();
-        QTest::newRow("command word alone") << QStringLiteral("snippet") << QString();
         QTest::newRow("command word alone, full stop") << QStringLiteral("Snippet.") << QString();
         QTest::newRow("command word and blanks only") << QStringLiteral("snippet    .") << QString();
         QTest::newRow("punctuation inside stays") << QStringLiteral("snippet work, email") << QString();
@@ -117,7 +108,6 @@ private Q_SLOTS:
         QTest::newRow("stored trigger with blanks around") << QStringLiteral("snippet greeting") << QStringLiteral("Hello!");
         QTest::newRow("stored trigger with a full stop never matches") << QStringLiteral("snippet sign off.") << QString();
         QTest::newRow("same trigger twice: earlier wins") << QStringLiteral("snip it dup") << QStringLiteral("first");
-        QTest::newRow("not a command at all") << QStringLiteral("work email") << QString();
     }
 
     void expandMatchesSpokenCommands()
@@ -132,18 +122,15 @@ private Q_SLOTS:
             make(QStringLiteral("DUP"), QStringLiteral("second")),
         });
         const std::optional<QString> result = SnippetStore::expand(spoken);
-        if (expected.isEmpty())
-            QCOMPARE(result, std::nullopt);
-        else
-            QCOMPARE(result, std::optional<QString>(expected));
+        QCOMPARE(result, expected.isEmpty() ? std::nullopt : std::optional<QString>(expected));
     }
 
     void expandSeesEditsAtOnce()
     {
         SnippetStore::save({make(QStringLiteral("addr"), QStringLiteral("old"))});
-        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet addr")), std::optional<QString>(QStringLiteral("old")));
+        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet addr")).value_or(QString()), QStringLiteral("old"));
         SnippetStore::save({make(QStringLiteral("addr"), QStringLiteral("new"))});
-        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet addr")), std::optional<QString>(QStringLiteral("new")));
+        QCOMPARE(SnippetStore::expand(QStringLiteral("snippet addr")).value_or(QString()), QStringLiteral("new"));
     }
 };
 
