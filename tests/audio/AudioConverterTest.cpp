@@ -198,15 +198,9 @@ private Q_SLOTS:
 
         // The converter carries on after a bad block.
         QVERIFY(converter->convertBlock(AudioTest::constant({48000, 2}, 1024, 0.1f)));
-    }
-
-    void emptyBlockGivesEmptyOutput()
-    {
-        auto converter = AudioConverter::create({48000, 2}, mono16k);
-        const auto out = converter->convertBlock(AudioBuffer{{48000, 2}, {}});
-        QVERIFY(out);
-        QCOMPARE(out->frameCount(), 0);
-        QCOMPARE(out->format, mono16k);
+        // An empty block gives an empty block in the output format.
+        const auto empty = converter->convertBlock(AudioBuffer{{48000, 2}, {}});
+        QVERIFY(empty && empty->frameCount() == 0 && empty->format == mono16k);
     }
 };
 

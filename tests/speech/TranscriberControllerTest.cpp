@@ -146,13 +146,12 @@ class TranscriberControllerTest : public QObject {
 private Q_SLOTS:
     void resultsBecomeCommittedAndVolatileTexts_data();
     void resultsBecomeCommittedAndVolatileTexts();
-    void finishAndCancelWithoutSession();
+    void callsWithoutASession();
     void cancelDropsTheSessionAndItsText();
     void preparationLogsAndPublishesTheFormat();
     void preparationInstallsMissingModels();
     void localeMatchingIgnoresCase();
     void failedRepreparationKeepsThePreviousLanguage();
-    void startBeforePreparationFails();
     void decodingFailureKeepsTheTextGathered();
     void inputArrivesInOrderFromAnotherThread();
 };
@@ -200,11 +199,19 @@ void TranscriberControllerTest::resultsBecomeCommittedAndVolatileTexts()
     QCOMPARE(rig.takePartials(), Pairs{pair("again", "")});
 }
 
-void TranscriberControllerTest::finishAndCancelWithoutSession()
+void TranscriberControllerTest::callsWithoutASession()
 {
     Rig rig;
     QCOMPARE(await(rig.controller.finish()), QString());
     await(rig.controller.cancel());
+    try {
+        await(rig.controller.start());
+        QFAIL("started unprepared");
+    } catch (const TranscribeError& e) {
+        QCOMPARE(e.kind(), TranscribeError::Kind::notPrepared);
+        QCOMPARE(e.errorDescription(), QStringLiteral("Transcriber not prepared. Call prepare() first."));
+    }
+    QVERIFY(!rig.controller.inputContinuation());
 
     await(rig.controller.prepare(QStringLiteral("en-US")));
     QCOMPARE(rig.session({final("this is"), partial("kept")}, 2), QStringLiteral("this is kept"));
@@ -329,19 +336,6 @@ void TranscriberControllerTest::failedRepreparationKeepsThePreviousLanguage()
     QCOMPARE(rig.controller.analyzerFormat(), std::optional<AudioFormat>(AudioFormat{16000, 1}));
     // ... and the prepared language still transcribes.
     QCOMPARE(rig.session({final("still here")}, 1), QStringLiteral("still here"));
-}
-
-void TranscriberControllerTest::startBeforePreparationFails()
-{
-    Rig rig;
-    try {
-        await(rig.controller.start());
-        QFAIL("started unprepared");
-    } catch (const TranscribeError& e) {
-        QCOMPARE(e.kind(), TranscribeError::Kind::notPrepared);
-        QCOMPARE(e.errorDescription(), QStringLiteral("Transcriber not prepared. Call prepare() first."));
-    }
-    QVERIFY(!rig.controller.inputContinuation());
 }
 
 void TranscriberControllerTest::decodingFailureKeepsTheTextGathered()

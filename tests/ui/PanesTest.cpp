@@ -66,6 +66,23 @@ void sendKey(QWidget* target, QEvent::Type type, unsigned x11Keycode)
     QApplication::sendEvent(target, &event);
 }
 
+// Clicks "Clear History…" and answers its confirmation with the button named `answer`.
+bool clearHistoryAnswering(QWidget* pane, const QString& answer)
+{
+    QTest::mouseClick(pane->findChild<QToolButton*>(QStringLiteral("clearHistoryButton")), Qt::LeftButton);
+    QMessageBox* box = nullptr;
+    if (!waitUntil([&] { return (box = pane->findChild<QMessageBox*>(QStringLiteral("clearConfirmation"))) && box->isVisible(); }))
+        return false;
+    if (box->text() != QStringLiteral("Delete all saved transcripts? This can't be undone."))
+        return false;
+    for (QAbstractButton* b : box->buttons())
+        if (b->text() == answer) {
+            QTest::mouseClick(b, Qt::LeftButton);
+            return waitUntil([&] { return !pane->findChild<QMessageBox*>(QStringLiteral("clearConfirmation")); });
+        }
+    return false;
+}
+
 TranscriptEntry entry(const QString& timestamp, const QString& text)
 {
     return TranscriptEntry{QUuid::createUuid(), timestamp, text};
@@ -183,26 +200,10 @@ private Q_SLOTS:
         QTest::mouseClick(pane.findChild<QToolButton*>(QStringLiteral("refreshButton")), Qt::LeftButton);
         QCOMPARE(pane.entries().first().text, QStringLiteral("newest"));
 
-        auto* clear = pane.findChild<QToolButton*>(QStringLiteral("clearHistoryButton"));
-        QTest::mouseClick(clear, Qt::LeftButton);
-        QMessageBox* box = nullptr;
-        QVERIFY(waitUntil([&] { return (box = pane.findChild<QMessageBox*>(QStringLiteral("clearConfirmation"))) && box->isVisible(); }));
-        QCOMPARE(box->text(), QStringLiteral("Delete all saved transcripts? This can't be undone."));
-        QPushButton* cancel = nullptr;
-        for (QAbstractButton* b : box->buttons())
-            if (b->text() == QStringLiteral("Cancel"))
-                cancel = qobject_cast<QPushButton*>(b);
-        QVERIFY(cancel);
-        QTest::mouseClick(cancel, Qt::LeftButton);
-        QVERIFY(waitUntil([&] { return !pane.findChild<QMessageBox*>(QStringLiteral("clearConfirmation")); }));
+        QVERIFY(clearHistoryAnswering(&pane, QStringLiteral("Cancel")));
         QCOMPARE(clears, 0);
         QCOMPARE(pane.entries().size(), 3);
-
-        QTest::mouseClick(clear, Qt::LeftButton);
-        QVERIFY(waitUntil([&] { return (box = pane.findChild<QMessageBox*>(QStringLiteral("clearConfirmation"))) && box->isVisible(); }));
-        for (QAbstractButton* b : box->buttons())
-            if (b->text() == QStringLiteral("Delete All"))
-                QTest::mouseClick(b, Qt::LeftButton);
+        QVERIFY(clearHistoryAnswering(&pane, QStringLiteral("Delete All")));
         QCOMPARE(clears, 1);
         QVERIFY(pane.entries().isEmpty());
         QCOMPARE(visibleChildren<QLabel>(&pane, QStringLiteral("emptyHistoryText")).size(), 1);

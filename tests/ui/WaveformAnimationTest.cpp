@@ -37,13 +37,6 @@ private Q_SLOTS:
         QVERIFY(qFuzzyCompare(a.phase, 0.13));
         a.stepListening(kPill);
         QVERIFY(qFuzzyCompare(a.displayedAmp, 0.12 + 0.88 * 0.12));
-        // Each bar closes 16% of the gap to its goal: bar 1 at sway sin(0.9 + 0.13).
-        WaveformAnimation b;
-        b.amplitude = 1;
-        b.displayedAmp = 1;
-        b.stepListening(kPill);
-        const double goal = 14 * (0.8 + 0.2 * std::sin(0.9 + 0.13)) * 1.0 * 1.0;
-        QVERIFY(qFuzzyCompare(b.currentHeights[1], 3 + (goal - 3) * 0.16));
     }
 
     void silenceSettlesTheBarsAtTheirMinimum()
@@ -93,7 +86,6 @@ private Q_SLOTS:
         a.stepProcessing();
         QVERIFY(qFuzzyCompare(a.spinnerAngle, -0.1));
         QVERIFY(qFuzzyCompare(a.phase, 0.05));
-        QCOMPARE(a.spinnerOpacity, static_cast<float>(0.7 + 0.3 * (0.5 + 0.5 * std::sin(0.05))));
         float lo = 1, hi = 0;
         for (int i = 0; i < 400; ++i) {
             a.stepProcessing();
@@ -106,20 +98,6 @@ private Q_SLOTS:
         // The bars are left alone while the ring turns.
         for (double h : a.currentHeights)
             QCOMPARE(h, 3.0);
-    }
-
-    void restAndReset()
-    {
-        WaveformAnimation a;
-        a.amplitude = 1;
-        run(a, 50);
-        a.restBars();
-        for (double h : a.currentHeights)
-            QCOMPARE(h, 3.0);
-        QVERIFY(a.displayedAmp > 0);
-        a.resetLevel();
-        QCOMPARE(a.amplitude, 0.0);
-        QCOMPARE(a.displayedAmp, 0.0);
     }
 };
 

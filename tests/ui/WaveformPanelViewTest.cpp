@@ -3,7 +3,6 @@
 #include "ui/WaveformPanelView.h"
 
 #include <QAbstractButton>
-#include <QDir>
 #include <QImage>
 #include <QTest>
 
@@ -21,30 +20,14 @@ struct Drawn {
     }
 };
 
-Drawn draw(WaveformPanelView& view, const char* shotName = nullptr)
+Drawn draw(WaveformPanelView& view)
 {
-    Drawn d{view.grab().toImage()};
-    // With TOLVANE_SHOTS_DIR set, the views are kept for a look (run with QT_SCALE_FACTOR=4 to
-    // see them large).
-    const QString dir = qEnvironmentVariable("TOLVANE_SHOTS_DIR");
-    if (shotName && !dir.isEmpty()) {
-        QDir().mkpath(dir);
-        d.image.save(dir + QLatin1Char('/') + QLatin1String(shotName) + QStringLiteral(".png"));
-    }
-    return d;
+    return Drawn{view.grab().toImage()};
 }
 
 bool isGreen(const QColor& c)
 {
     return c.alpha() > 200 && c.green() > 60 && c.green() > c.red() * 2 && c.green() > c.blue() * 1.4;
-}
-
-QList<double> barXs(const WaveformPanelView& view)
-{
-    QList<double> xs;
-    for (const QRectF& r : view.barRects())
-        xs << r.x();
-    return xs;
 }
 
 }  // namespace
@@ -72,11 +55,10 @@ private Q_SLOTS:
         QVERIFY(view.barsVisible());
         QVERIFY(!view.spinnerVisible());
         QVERIFY(view.acceptButton()->isHidden() && view.trashButton()->isHidden());
-        QCOMPARE(barXs(view), (QList<double>{15, 21, 27}));
         for (const QRectF& r : view.barRects())
-            QCOMPARE(r, QRectF(r.x(), 9.5, 4, 3));
+            QCOMPARE(r.height(), 3.0);
 
-        const Drawn d = draw(view, "pill-idle");
+        const Drawn d = draw(view);
         // A dark capsule with transparent corners, a light rim and dim green bars.
         QCOMPARE(d.at(0.2, 0.2).alpha(), 0);
         QVERIFY(std::abs(d.at(8, 11).alpha() - 209) < 6 && d.at(8, 11).value() < 40);
@@ -99,8 +81,7 @@ private Q_SLOTS:
         view.setAmplitude(0.5);
         QVERIFY(TestSupport::waitUntil([&] { return view.animation().displayedAmp > 0.9; }));
         QVERIFY(view.barRects()[1].height() > 8.0);
-        // Bars keep their x and stay vertically centred while they move.
-        QCOMPARE(barXs(view), (QList<double>{15, 21, 27}));
+        // Bars stay vertically centred while they move.
         for (const QRectF& r : view.barRects())
             QVERIFY(std::abs(r.center().y() - 11.0) < 1e-9);
 
@@ -112,7 +93,7 @@ private Q_SLOTS:
         view.setAmplitude(1.0);
         for (int i = 0; i < 20; ++i)
             view.step();
-        const Drawn d = draw(view, "pill-listening");
+        const Drawn d = draw(view);
         const QRectF middle = view.barRects()[1];
         QVERIFY(isGreen(d.at(middle.center().x(), middle.top() + 1)));
         QVERIFY(isGreen(d.at(middle.center().x(), middle.bottom() - 1)));
@@ -128,11 +109,8 @@ private Q_SLOTS:
         view.enterListening(true);
         view.show();  // buttons only take clicks when shown
         QVERIFY(!view.acceptButton()->isHidden() && !view.trashButton()->isHidden());
-        QCOMPARE(view.acceptButton()->geometry(), QRect(3, 4, 14, 14));
-        QCOMPARE(view.trashButton()->geometry(), QRect(51, 4, 14, 14));
         QCOMPARE(view.acceptButton()->toolTip(), QStringLiteral("Insert (done)"));
         QCOMPARE(view.trashButton()->toolTip(), QStringLiteral("Discard (Esc)"));
-        QCOMPARE(barXs(view), (QList<double>{26, 32, 38}));
 
         QTest::mouseClick(view.acceptButton(), Qt::LeftButton);
         QCOMPARE(accepted, 1);
@@ -144,7 +122,7 @@ private Q_SLOTS:
         view.setAmplitude(0.3);
         for (int i = 0; i < 30; ++i)
             view.step();
-        const Drawn d = draw(view, "pill-listening-buttons");
+        const Drawn d = draw(view);
         QVERIFY(isGreen(d.at(9.5, 9.5)) || isGreen(d.at(8.5, 10.5)) || isGreen(d.at(7.5, 11.2)));  // the tick
         QVERIFY(d.at(58, 12).value() > 150);  // the white trash can
 
@@ -165,10 +143,9 @@ private Q_SLOTS:
         QVERIFY(view.isAnimating());
         QVERIFY(!view.barsVisible());
         QVERIFY(view.spinnerVisible());
-        QCOMPARE(view.spinnerRect(), QRectF(16, 4, 14, 14));
         QVERIFY(view.acceptButton()->isHidden());
 
-        const Drawn d = draw(view, "pill-processing");
+        const Drawn d = draw(view);
         // Ring from the bottom round to the left; the gap is the lower-left quarter.
         const QPointF c(23, 11);
         const double r = 5.9;
@@ -191,8 +168,6 @@ private Q_SLOTS:
         view.resize(68, 22);
         view.enterProcessing(true);
         QVERIFY(!view.acceptButton()->isHidden());
-        QCOMPARE(view.spinnerRect(), QRectF(27, 4, 14, 14));
-        draw(view, "pill-processing-buttons");
 
         view.enterIdle();
         QVERIFY(!view.spinnerVisible());
