@@ -1,5 +1,7 @@
 #include "ui/Card.h"
 
+#include <QLayout>
+
 #include "ui/Theme.h"
 
 #include <QPainter>
@@ -34,4 +36,15 @@ void Card::paintEvent(QPaintEvent*)
     else
         p.setPen(Qt::NoPen);
     p.drawRoundedRect(r, radius_, radius_);
+}
+
+void removeRowsLater(QLayout* rows)
+{
+    while (QLayoutItem* item = rows->takeAt(0)) {
+        if (QWidget* w = item->widget()) {
+            w->hide();
+            w->deleteLater();
+        }
+        delete item;
+    }
 }

@@ -2,6 +2,8 @@
 
 #include <QWidget>
 
+class QLayout;
+
 // A rounded panel behind grouped content: the neutral fill at a given opacity, optionally outlined.
 class Card : public QWidget {
     Q_OBJECT
@@ -20,3 +22,7 @@ private:
     qreal outlineWidth_ = 0;
     QColor fillColor_;
 };
+
+// Empties a list of rows. The widgets go later, since a button of one of them may be the one whose
+// click is being handled.
+void removeRowsLater(QLayout* rows);

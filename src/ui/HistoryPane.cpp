@@ -284,14 +284,7 @@ void HistoryPane::updateSettingsRows()
 
 void HistoryPane::rebuildList()
 {
-    while (QLayoutItem* item = rowsLayout_->takeAt(0)) {
-        // Later: the copy button of a row may be the one whose click is being handled.
-        if (QWidget* w = item->widget()) {
-            w->hide();
-            w->deleteLater();
-        }
-        delete item;
-    }
+    removeRowsLater(rowsLayout_);
     copyButtons_.clear();
     for (const TranscriptEntry& entry : entries_) {
         auto* row = new Card(10, 0.1);

@@ -107,14 +107,7 @@ void SnippetsPane::remove(const QUuid& id)
 
 void SnippetsPane::rebuildList()
 {
-    while (QLayoutItem* item = rowsLayout_->takeAt(0)) {
-        // Later: the delete button of a row may be the one whose click is being handled.
-        if (QWidget* w = item->widget()) {
-            w->hide();
-            w->deleteLater();
-        }
-        delete item;
-    }
+    removeRowsLater(rowsLayout_);
     for (const Snippet& snippet : snippets_) {
         auto* row = new Card(10, 0.1);
         row->setObjectName(QStringLiteral("snippetRow"));
