@@ -2,14 +2,22 @@
 
 #include "dictation/Collaborators.h"
 #include "speech/DecodingAnalyzer.h"
+#include "speech/PronouncingDictionary.h"
 #include "speech/SpeechFormat.h"
 #include "storage/Diagnostics.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
+#include <QStandardPaths>
 
 #include <pocketsphinx.h>
 #include <sphinxbase/err.h>
+#include <sphinxbase/ngram_model.h>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -40,6 +48,25 @@ bool isAcousticModel(const QDir& dir)
             return false;
     }
     return true;
+}
+
+// The words a language model can recognise, or none when it cannot be read.
+QSet<QByteArray> languageModelWords(const QString& path)
+{
+    QSet<QByteArray> words;
+    logmath_t* math = logmath_init(1.0001, 0, FALSE);
+    ngram_model_t* lm = ngram_model_read(nullptr, path.toLocal8Bit().constData(), NGRAM_AUTO, math);
+    if (lm) {
+        const int32 count = ngram_model_get_counts(lm)[0];
+        words.reserve(count);
+        for (int32 i = 0; i < count; ++i) {
+            if (const char* word = ngram_word(lm, i))
+                words.insert(QByteArray(word));
+        }
+        ngram_model_free(lm);
+    }
+    logmath_free(math);
+    return words;
 }
 
 }  // namespace
@@ -87,7 +114,16 @@ ps_decoder_s* PocketsphinxEngine::createDecoder(const Model& model, const Settin
     static std::once_flag quiet;
     std::call_once(quiet, [] { err_set_logfp(nullptr); });  // the decoder's chatter is not ours to print
 
-    const QStringList args = decoderArguments(model, settings);
+    Model used = model;
+    if (settings.trimDictionary) {
+        const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation)
+                              + QStringLiteral("/Tolvane/dictionaries");
+        const auto trimmed = PronouncingDictionary::trimmedFor(model.dictionary, model.languageModel, cache, languageModelWords);
+        if (!trimmed.problem.isEmpty())
+            Diagnostics::log(QStringLiteral("transcriber: loading the whole dictionary (") + trimmed.problem + QLatin1Char(')'));
+        used.dictionary = trimmed.path;
+    }
+    const QStringList args = decoderArguments(used, settings);
     std::vector<QByteArray> bytes{QByteArrayLiteral("tolvane")};  // the parser skips argv[0]
     for (const QString& a : args)
         bytes.push_back(a.toLocal8Bit());
@@ -102,23 +138,103 @@ ps_decoder_s* PocketsphinxEngine::createDecoder(const Model& model, const Settin
     return decoder;
 }
 
+namespace {
+
+QString loadFailure(const PocketsphinxEngine::Model& model)
+{
+    return QStringLiteral("Could not load the speech model in ") + QFileInfo(model.acousticModel).absolutePath();
+}
+
+}  // namespace
+
+PocketsphinxEngine::PocketsphinxEngine(const Model& model, const Settings& settings)
+    : model_(model), settings_(settings)
+{
+}
+
 std::shared_ptr<PocketsphinxEngine> PocketsphinxEngine::load(const Model& model, const Settings& settings)
 {
+    // Loaded now, so a model that cannot be loaded is found when the language is prepared.
     ps_decoder_t* decoder = createDecoder(model, settings);
-    if (!decoder) {
-        throw CollaboratorError(QStringLiteral("Could not load the speech model in ")
-                                + QFileInfo(model.acousticModel).absolutePath());
-    }
-    std::shared_ptr<PocketsphinxEngine> engine(new PocketsphinxEngine);
+    if (!decoder)
+        throw CollaboratorError(loadFailure(model));
+    std::shared_ptr<PocketsphinxEngine> engine(new PocketsphinxEngine(model, settings));
     engine->decoder_ = decoder;
+    engine->loaded_ = true;
+    engine->lastUse_ = std::chrono::steady_clock::now();
     engine->self_ = engine;
+    engine->keeper_ = std::thread([e = engine.get()] { e->keep(); });
     return engine;
 }
 
 PocketsphinxEngine::~PocketsphinxEngine()
 {
+    {
+        std::lock_guard lock(keeperMutex_);
+        stopping_ = true;
+    }
+    keeperWake_.notify_all();
+    if (keeper_.joinable())
+        keeper_.join();
     if (decoder_)
         ps_free(decoder_);
+}
+
+ps_decoder_s* PocketsphinxEngine::claim(std::unique_lock<std::mutex>& busy)
+{
+    {
+        std::lock_guard lock(keeperMutex_);
+        ++sessions_;
+    }
+    busy = std::unique_lock(decoderInUse_);
+    if (!decoder_) {
+        QElapsedTimer took;
+        took.start();
+        decoder_ = createDecoder(model_, settings_);
+        if (!decoder_)
+            throw CollaboratorError(loadFailure(model_));
+        loaded_ = true;
+        Diagnostics::log(QStringLiteral("transcriber: speech model loaded in %1 ms").arg(took.elapsed()));
+    }
+    return decoder_;
+}
+
+void PocketsphinxEngine::unclaim(std::unique_lock<std::mutex>& busy)
+{
+    if (busy.owns_lock())
+        busy.unlock();
+    {
+        std::lock_guard lock(keeperMutex_);
+        --sessions_;
+        lastUse_ = std::chrono::steady_clock::now();
+    }
+    keeperWake_.notify_all();
+}
+
+void PocketsphinxEngine::keep()
+{
+    std::unique_lock lock(keeperMutex_);
+    for (;;) {
+        // Sleeps, without waking, until there is a decoder that no session uses.
+        keeperWake_.wait(lock, [this] { return stopping_ || (loaded_ && sessions_ == 0); });
+        if (stopping_)
+            return;
+        const auto due = lastUse_ + settings_.keepLoaded;
+        if (keeperWake_.wait_until(lock, due, [this, due] { return stopping_ || sessions_ > 0 || lastUse_ + settings_.keepLoaded != due; }))
+            continue;
+        // No session holds the decoder and none can claim it while keeperMutex_ is held.
+        {
+            std::lock_guard busy(decoderInUse_);
+            ps_free(decoder_);
+            decoder_ = nullptr;
+            loaded_ = false;
+        }
+#ifdef __GLIBC__
+        malloc_trim(0);  // the decoder's many small blocks would otherwise stay with the process
+#endif
+        Diagnostics::log(QStringLiteral("transcriber: speech model released after %1 s unused")
+                             .arg(std::chrono::duration<double>(settings_.keepLoaded).count()));
+    }
 }
 
 // One session's decoding over the engine's decoder. Segments end at the decoder's voice-activity end.
@@ -133,8 +249,8 @@ public:
 protected:
     void beginDecoding() override
     {
-        busy_ = std::unique_lock(engine_->decoderInUse_);
-        ps_decoder_t* ps = engine_->decoder_;
+        claimed_ = true;
+        ps_decoder_t* ps = engine_->claim(busy_);
         if (ps_start_stream(ps) < 0 || ps_start_utt(ps) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
         uttOpen_ = true;
@@ -194,8 +310,9 @@ protected:
         if (uttOpen_)
             ps_end_utt(engine_->decoder_);
         uttOpen_ = false;
-        if (busy_.owns_lock())
-            busy_.unlock();
+        if (claimed_)
+            engine_->unclaim(busy_);
+        claimed_ = false;
     }
 
 private:
@@ -218,6 +335,7 @@ private:
     std::unique_lock<std::mutex> busy_;
     std::vector<int16> pcm_;
     QString lastVolatile_;
+    bool claimed_ = false;
     bool uttOpen_ = false;
     bool inSegment_ = false;
     bool warned_ = false;

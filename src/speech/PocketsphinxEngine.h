@@ -5,15 +5,24 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 struct ps_decoder_s;
 
 // CMU pocketsphinx as a streaming engine: partial hypotheses are the volatile results, the
 // hypothesis at the end of each speech segment (the decoder's voice-activity end) and at finalize
 // are the final ones. It decodes 16 kHz mono.
+//
+// The loaded decoder is most of the program's memory (~75 MiB for US English), so it is freed once
+// no session has used it for a while and loaded again by the next session's decoding thread. Loading
+// takes about 0.2 s while capture already runs into the session's unbounded input, so no speech is
+// lost and only an utterance shorter than the load waits for it.
 class PocketsphinxEngine final : public SpeechEngine {
 public:
     // The files of one model: an acoustic model folder, a language model and a dictionary.
@@ -38,8 +47,13 @@ public:
         bool bestpath = false;
         // Silence (in 10 ms frames) after which the decoder's voice-activity detector ends a segment.
         int vadPostspeech = 30;
+        // Load only the dictionary entries the language model knows: the same words, less memory.
+        bool trimDictionary = true;
         // Further decoder arguments, as name/value pairs ("-beam", "1e-40").
         QStringList extra;
+        // How long the decoder stays loaded after it was last used: a burst of dictations shares
+        // one load, a program left alone in the tray gives the memory back.
+        std::chrono::milliseconds keepLoaded{30000};
     };
 
     static AudioFormat format() { return AudioFormat{16000, 1}; }
@@ -57,11 +71,30 @@ public:
     std::optional<AudioFormat> bestAvailableAudioFormat() const override { return format(); }
     std::unique_ptr<SpeechAnalyzer> makeAnalyzer(std::shared_ptr<SpeechResultStream> results) override;
 
+    // Whether the decoder is in memory now.
+    bool isLoaded() const { return loaded_; }
+
 private:
     friend class PocketsphinxAnalyzer;
-    PocketsphinxEngine() = default;
+    PocketsphinxEngine(const Model& model, const Settings& settings);
 
-    ps_decoder_s* decoder_ = nullptr;
-    std::mutex decoderInUse_;  // one session at a time decodes
+    // A session's claim on the decoder, loading it if it was freed. Throws CollaboratorError.
+    ps_decoder_s* claim(std::unique_lock<std::mutex>& busy);
+    void unclaim(std::unique_lock<std::mutex>& busy);
+    void keep();  // the keeper thread: frees the decoder once unused for keepLoaded
+
+    const Model model_;
+    const Settings settings_;
+    ps_decoder_s* decoder_ = nullptr;  // guarded by decoderInUse_
+    std::mutex decoderInUse_;          // one session at a time decodes
+    std::atomic<bool> loaded_{false};
+
+    std::mutex keeperMutex_;  // guards what follows; taken before decoderInUse_, never after
+    std::condition_variable keeperWake_;
+    int sessions_ = 0;
+    std::chrono::steady_clock::time_point lastUse_;
+    bool stopping_ = false;
+    std::thread keeper_;
+
     std::weak_ptr<PocketsphinxEngine> self_;
 };

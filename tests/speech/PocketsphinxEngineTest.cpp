@@ -1,10 +1,14 @@
 #include "SpeechTestSupport.h"
 
 #include "speech/ModelInventory.h"
+#include "speech/PocketsphinxEngine.h"
 #include "speech/TranscriberController.h"
 
 #include <QTest>
 
+#include <pocketsphinx.h>
+
+#include <chrono>
 #include <mutex>
 
 using SpeechTest::await;
@@ -22,6 +26,52 @@ void feed(AudioInputStream& input, const std::vector<float>& samples, AudioForma
     }
 }
 
+// The installed models, with engines loaded with the given settings.
+class ModelsWithSettings final : public AbstractModelInventory {
+public:
+    explicit ModelsWithSettings(PocketsphinxEngine::Settings settings) : settings_(std::move(settings)) {}
+    QCoro::Task<QStringList> supportedLocales() override { return models_.supportedLocales(); }
+    QCoro::Task<ModelStatus> status(QString locale) override { return models_.status(locale); }
+    QCoro::Task<std::optional<ModelSource>> installationRequest(QString locale) override
+    {
+        return models_.installationRequest(locale);
+    }
+    QCoro::Task<void> downloadAndInstall(ModelSource source) override { return models_.downloadAndInstall(source); }
+    QCoro::Task<std::shared_ptr<SpeechEngine>> loadEngine(QString locale) override
+    {
+        const auto model = PocketsphinxEngine::Model::inFolder(models_.installedModelFolder(locale), locale);
+        if (!model)
+            throw CollaboratorError(QStringLiteral("no model"));
+        engine = PocketsphinxEngine::load(*model, settings_);
+        co_return std::shared_ptr<SpeechEngine>(engine);
+    }
+
+    std::shared_ptr<PocketsphinxEngine> engine;
+
+private:
+    ModelInventory models_;
+    PocketsphinxEngine::Settings settings_;
+};
+
+// What a fresh decoder hears in the samples, as one utterance.
+QString decodeOnce(const PocketsphinxEngine::Model& model, const PocketsphinxEngine::Settings& settings,
+                   const std::vector<float>& samples)
+{
+    ps_decoder_t* ps = PocketsphinxEngine::createDecoder(model, settings);
+    if (!ps)
+        return QStringLiteral("(no decoder)");
+    std::vector<int16> pcm;
+    for (float v : samples)
+        pcm.push_back(static_cast<int16>(std::lrint(std::clamp(v, -1.0f, 1.0f) * 32767.0f)));
+    ps_start_utt(ps);
+    ps_process_raw(ps, pcm.data(), pcm.size(), FALSE, TRUE);
+    ps_end_utt(ps);
+    const char* hyp = ps_get_hyp(ps, nullptr);
+    const QString text = QString::fromUtf8(hyp ? hyp : "");
+    ps_free(ps);
+    return text;
+}
+
 const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
 const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
 
@@ -33,6 +83,8 @@ private Q_SLOTS:
     void initTestCase();
     void transcribesSynthesisedSpeechBySegments();
     void dropsAudioInAnotherFormat();
+    void trimmedDictionaryHearsTheSameWords();
+    void releasesAnUnusedModelAndLoadsItAgainWithoutLosingSpeech();
 
 private:
     std::vector<float> first_, second_;
@@ -104,6 +156,55 @@ void PocketsphinxEngineTest::dropsAudioInAnotherFormat()
     await(controller.start());
     feed(*controller.inputContinuation(), first_);
     QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(await(controller.finish()))) >= 5);
+}
+
+void PocketsphinxEngineTest::trimmedDictionaryHearsTheSameWords()
+{
+    const auto model = PocketsphinxEngine::Model::inFolder(ModelInventory().installedModelFolder(QStringLiteral("en-US")),
+                                                           QStringLiteral("en-US"));
+    QVERIFY(model);
+    PocketsphinxEngine::Settings whole;
+    whole.trimDictionary = false;
+    std::vector<float> audio = first_;
+    audio.insert(audio.end(), second_.begin(), second_.end());
+    TestSupport::LogMark mark;
+    const QString trimmedHeard = decodeOnce(*model, PocketsphinxEngine::Settings(), audio);
+    QVERIFY2(!mark.messages().join(QLatin1Char('\n')).contains(QLatin1String("whole dictionary")), qPrintable(mark.messages().join(QLatin1Char('\n'))));
+    QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(trimmedHeard)) >= 5);
+    QCOMPARE(trimmedHeard, decodeOnce(*model, whole, audio));
+}
+
+void PocketsphinxEngineTest::releasesAnUnusedModelAndLoadsItAgainWithoutLosingSpeech()
+{
+    PocketsphinxEngine::Settings settings;
+    settings.keepLoaded = std::chrono::milliseconds(200);
+    auto models = std::make_shared<ModelsWithSettings>(settings);
+    TranscriberController controller(models);
+    await(controller.prepare(QStringLiteral("en-US")));
+    const std::shared_ptr<PocketsphinxEngine> engine = models->engine;
+    QVERIFY(engine && engine->isLoaded());
+    TestSupport::LogMark mark;
+    QVERIFY(TestSupport::waitUntil(
+        [&] { return mark.messages().contains(QStringLiteral("transcriber: speech model released after 0.2 s unused")); }, 10000));
+    QVERIFY(!engine->isLoaded());
+
+    // All of the speech arrives before the decoding thread has loaded the model again.
+    await(controller.start());
+    feed(*controller.inputContinuation(), first_);
+    // A session outlasting the keep-alive keeps its model.
+    QTest::qWait(500);
+    QVERIFY(engine->isLoaded());
+    const QString heard = await(controller.finish());
+    QVERIFY2(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(heard)) * 10 >= SpeechTest::words(kFirst).size() * 7,
+             qPrintable(heard));
+    QVERIFY(TestSupport::waitUntil(
+        [&] {
+            const QStringList lines = mark.messages();
+            return std::any_of(lines.begin(), lines.end(),
+                               [](const QString& m) { return m.startsWith(QLatin1String("transcriber: speech model loaded in ")); });
+        },
+        10000));
+    QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
 }
 
 QTEST_GUILESS_MAIN(PocketsphinxEngineTest)
