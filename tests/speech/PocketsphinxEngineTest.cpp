@@ -4,6 +4,9 @@
 #include "speech/PocketsphinxEngine.h"
 #include "speech/TranscriberController.h"
 
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <pocketsphinx.h>
@@ -26,10 +29,13 @@ void feed(AudioInputStream& input, const std::vector<float>& samples, AudioForma
     }
 }
 
-// The installed models, with engines loaded with the given settings.
+// The installed models, with engines loaded with the given settings (from `folder` when given).
 class ModelsWithSettings final : public AbstractModelInventory {
 public:
-    explicit ModelsWithSettings(PocketsphinxEngine::Settings settings) : settings_(std::move(settings)) {}
+    explicit ModelsWithSettings(PocketsphinxEngine::Settings settings, QString folder = {})
+        : settings_(std::move(settings)), folder_(std::move(folder))
+    {
+    }
     QCoro::Task<QStringList> supportedLocales() override { return models_.supportedLocales(); }
     QCoro::Task<ModelStatus> status(QString locale) override { return models_.status(locale); }
     QCoro::Task<std::optional<ModelSource>> installationRequest(QString locale) override
@@ -39,7 +45,8 @@ public:
     QCoro::Task<void> downloadAndInstall(ModelSource source) override { return models_.downloadAndInstall(source); }
     QCoro::Task<std::shared_ptr<SpeechEngine>> loadEngine(QString locale) override
     {
-        const auto model = PocketsphinxEngine::Model::inFolder(models_.installedModelFolder(locale), locale);
+        const auto model =
+            PocketsphinxEngine::Model::inFolder(folder_.isEmpty() ? models_.installedModelFolder(locale) : folder_, locale);
         if (!model)
             throw CollaboratorError(QStringLiteral("no model"));
         engine = PocketsphinxEngine::load(*model, settings_);
@@ -51,6 +58,7 @@ public:
 private:
     ModelInventory models_;
     PocketsphinxEngine::Settings settings_;
+    QString folder_;
 };
 
 // What a fresh decoder hears in the samples, as one utterance.
@@ -85,6 +93,7 @@ private Q_SLOTS:
     void dropsAudioInAnotherFormat();
     void trimmedDictionaryHearsTheSameWords();
     void releasesAnUnusedModelAndLoadsItAgainWithoutLosingSpeech();
+    void aModelThatVanishedWhileReleasedFailsOnlyItsSession();
 
 private:
     std::vector<float> first_, second_;
@@ -204,6 +213,46 @@ void PocketsphinxEngineTest::releasesAnUnusedModelAndLoadsItAgainWithoutLosingSp
                                [](const QString& m) { return m.startsWith(QLatin1String("transcriber: speech model loaded in ")); });
         },
         10000));
+    QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
+}
+
+void PocketsphinxEngineTest::aModelThatVanishedWhileReleasedFailsOnlyItsSession()
+{
+    // The installed model, seen through links that can be taken away and put back.
+    const QDir installed(ModelInventory().installedModelFolder(QStringLiteral("en-US")));
+    QTemporaryDir dir;
+    const QStringList names = installed.entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    auto link = [&](bool on) {
+        for (const QString& name : names) {
+            const QString at = dir.filePath(name);
+            if (!(on ? QFile::link(installed.filePath(name), at) : QFile::remove(at)))
+                return false;
+        }
+        return true;
+    };
+    QVERIFY(link(true));
+    PocketsphinxEngine::Settings settings;
+    settings.keepLoaded = std::chrono::milliseconds(100);
+    auto models = std::make_shared<ModelsWithSettings>(settings, dir.path());
+    TranscriberController controller(models);
+    await(controller.prepare(QStringLiteral("en-US")));
+    const std::shared_ptr<PocketsphinxEngine> engine = models->engine;
+    QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
+
+    QVERIFY(link(false));
+    TestSupport::LogMark mark;
+    await(controller.start());
+    feed(*controller.inputContinuation(), first_);
+    QCOMPARE(await(controller.finish()), QString());
+    QVERIFY2(mark.messages().contains(QStringLiteral("transcriber: results stream error: Could not load the speech model in ")
+                                      + QDir(dir.path()).absolutePath()),
+             qPrintable(mark.messages().join(QLatin1Char('\n'))));
+
+    // Put back, the model serves the next session.
+    QVERIFY(link(true));
+    await(controller.start());
+    feed(*controller.inputContinuation(), first_);
+    QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(await(controller.finish()))) >= 5);
     QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
 }
 
