@@ -19,7 +19,7 @@ struct ps_decoder_s;
 // hypothesis at the end of each speech segment (the decoder's voice-activity end) and at finalize
 // are the final ones. It decodes 16 kHz mono.
 //
-// The loaded decoder is most of the program's memory (~75 MiB for US English), so it is freed once
+// The loaded decoder is most of the program's memory (~85 MiB for US English), so it is freed once
 // no session has used it for a while and loaded again by the next session's decoding thread. Loading
 // takes about 0.2 s while capture already runs into the session's unbounded input, so no speech is
 // lost and only an utterance shorter than the load waits for it.

@@ -8,7 +8,7 @@
 
 // A pronouncing dictionary cut down to the words its language model knows. The decoder searches
 // only words the language model has, yet keeps every dictionary entry in memory: for the US English
-// model that is 55,000 entries nobody can dictate and about 12 MiB of the idle process.
+// model that is 55,000 entries nobody can dictate and about 12 MiB.
 namespace PronouncingDictionary {
 
 // The entries of `dictionary` (one "word PH ONES" per line, alternates written "word(2)") whose
