@@ -222,18 +222,22 @@ void PocketsphinxEngine::keep()
         const auto due = lastUse_ + settings_.keepLoaded;
         if (keeperWake_.wait_until(lock, due, [this, due] { return stopping_ || sessions_ > 0 || lastUse_ + settings_.keepLoaded != due; }))
             continue;
-        // No session holds the decoder and none can claim it while keeperMutex_ is held.
+        // No session holds the decoder and none can claim it while keeperMutex_ is held. It is
+        // freed outside the locks, so a session starting meanwhile does not wait for that.
+        ps_decoder_s* unused = nullptr;
         {
             std::lock_guard busy(decoderInUse_);
-            ps_free(decoder_);
-            decoder_ = nullptr;
+            std::swap(unused, decoder_);
             loaded_ = false;
         }
+        lock.unlock();
+        ps_free(unused);
 #ifdef __GLIBC__
         malloc_trim(0);  // the decoder's many small blocks would otherwise stay with the process
 #endif
         Diagnostics::log(QStringLiteral("transcriber: speech model released after %1 s unused")
                              .arg(std::chrono::duration<double>(settings_.keepLoaded).count()));
+        lock.lock();
     }
 }
 
