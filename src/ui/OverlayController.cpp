@@ -8,8 +8,8 @@
 #include <QAbstractButton>
 #include <QEvent>
 #include <QGuiApplication>
-#include <QPainterPath>
-#include <QRegion>
+#include <QBitmap>
+#include <QPainter>
 #include <QScreen>
 
 OverlayController::OverlayController(QObject* parent) : QObject(parent) {}
@@ -93,10 +93,17 @@ void OverlayController::updateShape()
         panel_->clearMask();
         return;
     }
+    // Rasterised as the painter fills the capsule, so the cut follows the painted edge; a region made
+    // from the outline's polygon keeps single pixels at the ends that show black.
     const QSize size = panel_->size();
-    QPainterPath capsule;
-    capsule.addRoundedRect(QRectF(0, 0, size.width(), size.height()), size.height() * 0.5, size.height() * 0.5);
-    panel_->setMask(QRegion(capsule.toFillPolygon().toPolygon()));
+    QBitmap shape(size);
+    shape.fill(Qt::color0);
+    QPainter painter(&shape);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(Qt::color1);
+    painter.drawRoundedRect(QRectF(0, 0, size.width(), size.height()), size.height() * 0.5, size.height() * 0.5);
+    painter.end();
+    panel_->setMask(shape);
 }
 
 void OverlayController::resizePanel(int width)

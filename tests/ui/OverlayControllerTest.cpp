@@ -160,6 +160,34 @@ private Q_SLOTS:
         XFree(hints);
     }
 
+    void withoutACompositorTheWindowIsCutToItsCapsule()
+    {
+        OverlayController overlay;
+        overlay.installPersistent();
+        QVERIFY(QTest::qWaitForWindowExposed(overlay.panel()));
+        for (const bool wide : {false, true}) {
+            overlay.setMode(wide);
+            const QRegion shape = overlay.panel()->mask();
+            const int w = frame(overlay).width(), h = frame(overlay).height();
+            QCOMPARE(shape.boundingRect(), QRect(0, 0, w, h));
+            for (int y = 0; y < h; ++y) {
+                // One run per row, the same from either end and from the top or the bottom; the
+                // corners cut off, the middle rows the whole width.
+                int runs = 0;
+                for (int x = 0; x < w; ++x) {
+                    const bool in = shape.contains(QPoint(x, y));
+                    QVERIFY2(in == shape.contains(QPoint(w - 1 - x, y)) && in == shape.contains(QPoint(x, h - 1 - y)),
+                             qPrintable(QStringLiteral("%1,%2 in a %3x%4 pill").arg(x).arg(y).arg(w).arg(h)));
+                    if (in && (x == 0 || !shape.contains(QPoint(x - 1, y))))
+                        ++runs;
+                }
+                QCOMPARE(runs, 1);
+            }
+            QVERIFY(!shape.contains(QPoint(0, 0)) && !shape.contains(QPoint(w - 1, h - 1)));
+            QVERIFY(shape.contains(QPoint(0, h / 2)) && shape.contains(QPoint(w - 1, h / 2)));
+        }
+    }
+
     void handsFreeWidensAroundTheSameCentre()
     {
         OverlayController overlay;
