@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -233,6 +234,40 @@ private Q_SLOTS:
         const auto after = arrived(last);
         QCOMPARE(after.text, last);
         QVERIFY2(wordsHeard(QStringLiteral("please call me back after lunch"), last) >= 3, qPrintable(last));
+    }
+
+    void soundServerRestartedWhileRunning()
+    {
+        // What an update of the sound server does under a running desktop.
+        daemon_.terminate();
+        QVERIFY(daemon_.waitForFinished(5000));
+        const QString micProblem = AudioTest::startPipeMicrophone(daemon_, fifo_);
+        QVERIFY2(micProblem.isEmpty(), qPrintable(micProblem));
+
+        // Qt connects to the new server a few seconds after it is up; until then a dictation fails
+        // to start, says so in the log and leaves everything idle.
+        const QString running = QStringLiteral("dictation: audio + transcriber running");
+        std::optional<TestSupport::LogMark> mark;
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            mark.emplace();
+            fingers_.press(altL);
+            QVERIFY(TestSupport::waitUntil([&] {
+                const QStringList log = mark->messages();
+                return log.contains(running) || !log.filter(QStringLiteral("dictation: start FAILED")).isEmpty();
+            }));
+            if (mark->messages().contains(running))
+                break;
+            fingers_.release(altL);
+            QTest::qWait(500);
+        }
+        QVERIFY(mark->messages().contains(running));
+        speak(holdSpeech_);
+        QTest::qWait(1000);
+        fingers_.release(altL);
+        QVERIFY(TestSupport::waitUntil([&] { return !mark->messages().filter(QStringLiteral("dictation: pasted=true")).isEmpty(); }));
+        const QString said = QStringLiteral("pick up milk and eggs on the way home");
+        const auto got = client_.waitFor([&](const RecordingClient::Received& r) { return wordsHeard(said, r.text) >= 5; });
+        QVERIFY2(wordsHeard(said, got.text) >= 5, qPrintable(got.text));
     }
 
     void secondLaunchHandsOverToTheRunningOne()
