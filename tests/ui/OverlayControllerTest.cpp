@@ -5,6 +5,7 @@
 #include "support/TestSupport.h"
 #include "ui/OverlayController.h"
 #include "ui/WaveformPanelView.h"
+#include "ui/x11/X11Desktop.h"
 
 #include <QAbstractButton>
 #include <QDir>
@@ -162,6 +163,8 @@ private Q_SLOTS:
 
     void withoutACompositorTheWindowIsCutToItsCapsule()
     {
+        if (X11Desktop::compositingActive())
+            QSKIP("a compositing manager runs on this display: the pill is translucent, not cut");
         OverlayController overlay;
         overlay.installPersistent();
         QVERIFY(QTest::qWaitForWindowExposed(overlay.panel()));
