@@ -1,6 +1,9 @@
 #include "ui/Card.h"
 
+#include <QLabel>
 #include <QLayout>
+#include <QScrollArea>
+#include <QStackedLayout>
 
 #include "ui/Theme.h"
 
@@ -47,4 +50,23 @@ void removeRowsLater(QLayout* rows)
         }
         delete item;
     }
+}
+
+QStackedLayout* listOrEmptyText(QLabel* empty, const QMargins& margins, int spacing, QVBoxLayout** rows)
+{
+    auto* stack = new QStackedLayout;
+    empty->setAlignment(Qt::AlignCenter);
+    stack->addWidget(empty);
+    auto* scroll = new QScrollArea;
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setWidgetResizable(true);
+    Theme::styleScrollBar(scroll);
+    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    auto* column = new QWidget;
+    *rows = new QVBoxLayout(column);
+    (*rows)->setContentsMargins(margins);
+    (*rows)->setSpacing(spacing);
+    scroll->setWidget(column);
+    stack->addWidget(scroll);
+    return stack;
 }

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <QMargins>
 #include <QWidget>
 
+class QLabel;
 class QLayout;
+class QStackedLayout;
+class QVBoxLayout;
 
 // A rounded panel behind grouped content: the neutral fill at a given opacity, optionally outlined.
 class Card : public QWidget {
@@ -26,3 +30,7 @@ private:
 // Empties a list of rows. The widgets go later, since a button of one of them may be the one whose
 // click is being handled.
 void removeRowsLater(QLayout* rows);
+
+// A list that gives way to a centred text while it has no rows: page 0 of the stack is `empty`,
+// page 1 a scrolling column whose layout is put in `rows`.
+QStackedLayout* listOrEmptyText(QLabel* empty, const QMargins& margins, int spacing, QVBoxLayout** rows);

@@ -14,7 +14,6 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QRegularExpression>
-#include <QScrollArea>
 #include <QStackedLayout>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -166,24 +165,10 @@ HistoryPane::HistoryPane(SettingsServices services, QWidget* parent)
     headerRow->addWidget(refresh);
     v->addLayout(headerRow);
 
-    // Page 0: empty-state text; page 1: the list.
-    stack_ = new QStackedLayout;
     auto* empty = textLabel(QStringLiteral("No transcripts yet.\nDictate something and it will be saved here."),
                             Theme::font(Theme::TextStyle::callout), Theme::secondaryText());
     empty->setObjectName(QStringLiteral("emptyHistoryText"));
-    empty->setAlignment(Qt::AlignCenter);
-    stack_->addWidget(empty);
-    auto* scroll = new QScrollArea;
-    scroll->setFrameShape(QFrame::NoFrame);
-    scroll->setWidgetResizable(true);
-    Theme::styleScrollBar(scroll);
-    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    auto* rows = new QWidget;
-    rowsLayout_ = new QVBoxLayout(rows);
-    rowsLayout_->setContentsMargins(16, 10, 16, 10);
-    rowsLayout_->setSpacing(10);
-    scroll->setWidget(rows);
-    stack_->addWidget(scroll);
+    stack_ = listOrEmptyText(empty, QMargins(16, 10, 16, 10), 10, &rowsLayout_);
     v->addLayout(stack_, 1);
 
     updateSettingsRows();

@@ -6,7 +6,6 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QScrollArea>
 #include <QStackedLayout>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -60,26 +59,11 @@ SnippetsPane::SnippetsPane(QWidget* parent)
 
     v->addWidget(Theme::makeDivider());
 
-    // Page 0: the empty-state text in the middle of the free space; page 1: the list.
-    stack_ = new QStackedLayout;
     auto* empty = new QLabel(QStringLiteral("No snippets yet.\nAdd one above — e.g. trigger “work email” → your address."));
     empty->setObjectName(QStringLiteral("emptySnippetsText"));
-    empty->setAlignment(Qt::AlignCenter);
     empty->setFont(Theme::font(Theme::TextStyle::callout));
     Theme::setTextColor(empty, Theme::secondaryText());
-    stack_->addWidget(empty);
-
-    auto* scroll = new QScrollArea;
-    scroll->setFrameShape(QFrame::NoFrame);
-    scroll->setWidgetResizable(true);
-    Theme::styleScrollBar(scroll);
-    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    rows_ = new QWidget;
-    rowsLayout_ = new QVBoxLayout(rows_);
-    rowsLayout_->setContentsMargins(0, 0, 0, 0);
-    rowsLayout_->setSpacing(8);
-    scroll->setWidget(rows_);
-    stack_->addWidget(scroll);
+    stack_ = listOrEmptyText(empty, QMargins(), 8, &rowsLayout_);
     v->addLayout(stack_, 1);
 
     rebuildList();

@@ -28,6 +28,5 @@ private:
     QLineEdit* trigger_;
     QLineEdit* replacement_;
     QStackedLayout* stack_;
-    QWidget* rows_;
     QVBoxLayout* rowsLayout_;
 };
