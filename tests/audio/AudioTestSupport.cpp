@@ -81,14 +81,6 @@ bool writeWav(const QString& path, const AudioBuffer& audio)
     return ok;
 }
 
-bool speak(const QString& text, const QString& path)
-{
-    QProcess espeak;
-    espeak.start(QStringLiteral("espeak-ng"), {QStringLiteral("-v"), QStringLiteral("en-us"), QStringLiteral("-w"), path, text});
-    return espeak.waitForFinished(30000) && espeak.exitStatus() == QProcess::NormalExit && espeak.exitCode() == 0 &&
-           QFile(path).size() > 1000;
-}
-
 bool forbidSoundServerAutospawn()
 {
     const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + QStringLiteral("/pulse");

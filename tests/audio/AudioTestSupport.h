@@ -1,6 +1,6 @@
 #pragma once
 
-// Signals made in code, WAV files and synthesised speech for the audio tests.
+// Signals made in code, WAV files and a pipe microphone for the audio tests.
 
 #include "audio/AudioBuffer.h"
 
@@ -32,9 +32,6 @@ double tonePower(const std::vector<float>& samples, double sampleRate, double fr
 
 // Writes interleaved float samples as a 16-bit PCM WAV file; false when it cannot.
 bool writeWav(const QString& path, const AudioBuffer& audio);
-
-// Speaks `text` into a WAV file with espeak-ng; false when espeak-ng is missing or fails.
-bool speak(const QString& text, const QString& path);
 
 // Keeps sound-server clients of this test from starting a daemon of their own (libpulse's
 // autospawn), through the client configuration in the test's XDG_CONFIG_HOME; false when it cannot.

@@ -80,6 +80,21 @@ QString decodeOnce(const PocketsphinxEngine::Model& model, const PocketsphinxEng
     return text;
 }
 
+// Whether at least seven in ten of the words said were heard, in order.
+bool heardMost(const QString& said, const QString& heard)
+{
+    const QStringList expected = SpeechTest::words(said);
+    return SpeechTest::wordsInOrder(expected, SpeechTest::words(heard)) * 10 >= expected.size() * 7;
+}
+
+// One whole session over the samples: what the controller heard.
+QString session(TranscriberController& controller, const std::vector<float>& samples, AudioFormat format = {16000, 1})
+{
+    await(controller.start());
+    feed(*controller.inputContinuation(), samples, format);
+    return await(controller.finish());
+}
+
 const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
 const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
 
@@ -119,21 +134,13 @@ void PocketsphinxEngineTest::transcribesSynthesisedSpeechBySegments()
     await(controller.prepare(QStringLiteral("en-us")));
     QCOMPARE(controller.analyzerFormat(), std::optional<AudioFormat>(AudioFormat{16000, 1}));
 
-    await(controller.start());
-    const auto input = controller.inputContinuation();
-    QVERIFY(input);
     // Two sentences with a pause between them long enough for the voice-activity end.
     std::vector<float> audio = first_;
     audio.insert(audio.end(), 16000, 0.0f);
     audio.insert(audio.end(), second_.begin(), second_.end());
-    feed(*input, audio);
-    const QString text = await(controller.finish());
+    const QString text = session(controller, audio);
     qInfo("heard: %s", qPrintable(text));
-
-    const QStringList expected = SpeechTest::words(kFirst + QLatin1Char(' ') + kSecond);
-    const int right = SpeechTest::wordsInOrder(expected, SpeechTest::words(text));
-    QVERIFY2(right * 10 >= expected.size() * 7, qPrintable(QStringLiteral("%1 of %2 words right: %3")
-                                                              .arg(right).arg(expected.size()).arg(text)));
+    QVERIFY2(heardMost(kFirst + QLatin1Char(' ') + kSecond, text), qPrintable(text));
 
     // The pause ended the first segment: its words were committed before the second's.
     std::lock_guard lock(mutex);
@@ -144,7 +151,7 @@ void PocketsphinxEngineTest::transcribesSynthesisedSpeechBySegments()
             break;
         }
     }
-    QVERIFY2(!firstCommit.isEmpty() && SpeechTest::wordsInOrder(SpeechTest::words(kSecond), SpeechTest::words(firstCommit)) <= 1,
+    QVERIFY2(SpeechTest::wordsInOrder(SpeechTest::words(kSecond), SpeechTest::words(firstCommit)) <= 1,
              qPrintable(QStringLiteral("first committed text: ") + firstCommit));
     QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(firstCommit)) >= 5);
     QCOMPARE(partials.last().second, QString());
@@ -154,17 +161,12 @@ void PocketsphinxEngineTest::dropsAudioInAnotherFormat()
 {
     TranscriberController controller;
     await(controller.prepare(QStringLiteral("en-US")));
-    await(controller.start());
     TestSupport::LogMark mark;
-    feed(*controller.inputContinuation(), first_, AudioFormat{44100, 2});
-    QCOMPARE(await(controller.finish()), QString());
+    QCOMPARE(session(controller, first_, AudioFormat{44100, 2}), QString());
     QVERIFY(mark.messages().contains(
         QStringLiteral("transcriber: dropping audio in 44100.0Hz/2ch; the recognizer takes 16000.0Hz/1ch")));
-
     // The next session in the right format is heard again.
-    await(controller.start());
-    feed(*controller.inputContinuation(), first_);
-    QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(await(controller.finish()))) >= 5);
+    QVERIFY(heardMost(kFirst, session(controller, first_)));
 }
 
 void PocketsphinxEngineTest::trimmedDictionaryHearsTheSameWords()
@@ -178,8 +180,9 @@ void PocketsphinxEngineTest::trimmedDictionaryHearsTheSameWords()
     audio.insert(audio.end(), second_.begin(), second_.end());
     TestSupport::LogMark mark;
     const QString trimmedHeard = decodeOnce(*model, PocketsphinxEngine::Settings(), audio);
-    QVERIFY2(!mark.messages().join(QLatin1Char('\n')).contains(QLatin1String("whole dictionary")), qPrintable(mark.messages().join(QLatin1Char('\n'))));
-    QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(trimmedHeard)) >= 5);
+    // No fallback to the whole dictionary, or the comparison below would prove nothing.
+    QVERIFY2(mark.messages().filter(QLatin1String("whole dictionary")).isEmpty(), qPrintable(mark.messages().join(QLatin1Char('\n'))));
+    QVERIFY(heardMost(kFirst, trimmedHeard));
     QCOMPARE(trimmedHeard, decodeOnce(*model, whole, audio));
 }
 
@@ -192,10 +195,7 @@ void PocketsphinxEngineTest::releasesAnUnusedModelAndLoadsItAgainWithoutLosingSp
     await(controller.prepare(QStringLiteral("en-US")));
     const std::shared_ptr<PocketsphinxEngine> engine = models->engine;
     QVERIFY(engine && engine->isLoaded());
-    TestSupport::LogMark mark;
-    QVERIFY(TestSupport::waitUntil(
-        [&] { return mark.messages().contains(QStringLiteral("transcriber: speech model released after 0.2 s unused")); }, 10000));
-    QVERIFY(!engine->isLoaded());
+    QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
 
     // All of the speech arrives before the decoding thread has loaded the model again.
     await(controller.start());
@@ -204,15 +204,7 @@ void PocketsphinxEngineTest::releasesAnUnusedModelAndLoadsItAgainWithoutLosingSp
     QTest::qWait(500);
     QVERIFY(engine->isLoaded());
     const QString heard = await(controller.finish());
-    QVERIFY2(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(heard)) * 10 >= SpeechTest::words(kFirst).size() * 7,
-             qPrintable(heard));
-    QVERIFY(TestSupport::waitUntil(
-        [&] {
-            const QStringList lines = mark.messages();
-            return std::any_of(lines.begin(), lines.end(),
-                               [](const QString& m) { return m.startsWith(QLatin1String("transcriber: speech model loaded in ")); });
-        },
-        10000));
+    QVERIFY2(heardMost(kFirst, heard), qPrintable(heard));
     QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
 }
 
@@ -241,19 +233,14 @@ void PocketsphinxEngineTest::aModelThatVanishedWhileReleasedFailsOnlyItsSession(
 
     QVERIFY(link(false));
     TestSupport::LogMark mark;
-    await(controller.start());
-    feed(*controller.inputContinuation(), first_);
-    QCOMPARE(await(controller.finish()), QString());
+    QCOMPARE(session(controller, first_), QString());
     QVERIFY2(mark.messages().contains(QStringLiteral("transcriber: results stream error: Could not load the speech model in ")
                                       + QDir(dir.path()).absolutePath()),
              qPrintable(mark.messages().join(QLatin1Char('\n'))));
 
     // Put back, the model serves the next session.
     QVERIFY(link(true));
-    await(controller.start());
-    feed(*controller.inputContinuation(), first_);
-    QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(await(controller.finish()))) >= 5);
-    QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
+    QVERIFY(heardMost(kFirst, session(controller, first_)));
 }
 
 QTEST_GUILESS_MAIN(PocketsphinxEngineTest)
