@@ -12,9 +12,9 @@
 #include "storage/Preferences.h"
 #include "support/TestSupport.h"
 
-#include "AudioTestSupport.h"
-#include "ClientHarness.h"
-#include "SpeechTestSupport.h"
+#include "support/Sound.h"
+#include "support/RecordingClient.h"
+#include "support/Speech.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -213,8 +213,7 @@ public:
 
     bool start()
     {
-        fifo_ = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/mic.fifo");
-        if (const QString problem = AudioTest::startPipeMicrophone(daemon_, fifo_); !problem.isEmpty())
+        if (const QString problem = microphone_.start(); !problem.isEmpty())
             return fail(problem);
         if (!fingers_.ok() || !client_.start())
             return fail(QStringLiteral("the recording client did not start on the X server"));
@@ -243,18 +242,8 @@ public:
 
     void stop()
     {
-        if (tolvane_.state() != QProcess::NotRunning) {
-            tolvane_.terminate();
-            if (!tolvane_.waitForFinished(5000))
-                tolvane_.kill();
-            tolvane_.waitForFinished(5000);
-        }
-        if (daemon_.state() != QProcess::NotRunning) {
-            daemon_.terminate();
-            if (!daemon_.waitForFinished(5000))
-                daemon_.kill();
-            daemon_.waitForFinished(5000);
-        }
+        TestSupport::stop(tolvane_);
+        microphone_.stop();
     }
 
     Run dictate(const QString& said, const QByteArray& audio)
@@ -274,7 +263,7 @@ public:
             r.failure = QStringLiteral("dictation did not start");
             return r;
         }
-        speak(audio);
+        microphone_.speak(audio, true);
         fingers_.release(altL);  // XSync'd: the server has the release now
         const qint64 releasedUs = monotonicUs();
         const QDateTime releasedAt = QDateTime::currentDateTimeUtc();
@@ -388,31 +377,6 @@ private:
         return false;
     }
 
-    // Writes the audio into the microphone's pipe in 100 ms pieces at the pace of speaking; returns
-    // when the last piece has had its time, that is when the speaker stops.
-    void speak(const QByteArray& audio)
-    {
-        std::atomic<bool> done{false};
-        std::thread writer([&] {
-            const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
-            if (fd >= 0) {
-                constexpr qsizetype piece = sampleRate * 2 / 10;
-                const auto begin = std::chrono::steady_clock::now();
-                for (qsizetype at = 0; at < audio.size(); at += piece) {
-                    const qsizetype n = std::min(piece, audio.size() - at);
-                    if (::write(fd, audio.constData() + at, static_cast<size_t>(n)) != n)
-                        break;
-                    // Against the start, so the pace does not drift with the time writes take.
-                    std::this_thread::sleep_until(begin + std::chrono::microseconds((at + n) * 100000 / piece));
-                }
-                ::close(fd);
-            }
-            done = true;
-        });
-        TestSupport::waitUntil([&] { return done.load(); }, 120000);
-        writer.join();
-    }
-
     // Until the dictation has fully ended (pill back to idle), so the next one starts clean.
     void settle(qsizetype mark)
     {
@@ -426,9 +390,8 @@ private:
         pause(700);
     }
 
-    QProcess daemon_;
+    AudioTest::PipeMicrophone microphone_;
     QProcess tolvane_;
-    QString fifo_;
     RecordingClient client_;
     Fingers fingers_;
     ProcSample atReady_;

@@ -1,7 +1,7 @@
 // Types 2,000 mixed characters into the recording client on a private Xvfb and reports characters
 // per second and characters lost; then the same for prose alone, a 150-character dictation, 300
 // Chinese characters, and a paste. Run: build/bench/keyboard/bench_text_injector [runs]
-#include "ClientHarness.h"
+#include "support/RecordingClient.h"
 #include "keyboard/x11/TextInjector.h"
 
 #include <QApplication>

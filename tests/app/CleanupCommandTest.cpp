@@ -1,41 +1,19 @@
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
+#include "support/TestSupport.h"
 #include "text/CleanupEngine.h"
 
 #include <QJsonArray>
-#include <QProcess>
 #include <QTest>
 
 namespace {
 
-struct Run {
-    int exitCode = -1;
-    QByteArray out;
-    QString err;
-};
-
-// Runs the real program as a user would, with no display at all. The event loop keeps running
-// meanwhile, so the test server on this thread can answer it.
-Run runTolvane(const QStringList& args, const QByteArray& input)
+// The real program as a user runs it, with no display at all.
+TestSupport::ProgramRun runTolvane(const QStringList& args, const QByteArray& input)
 {
-    QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("DISPLAY"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-    process.setProcessEnvironment(env);
-    process.start(QStringLiteral(TOLVANE_BINARY), args);
-    if (!process.waitForStarted())
-        return {};
-    process.write(input);
-    process.closeWriteChannel();
-    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000)) {
-        process.kill();
-        process.waitForFinished();
-        return {};
-    }
-    return Run{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput(),
-               QString::fromUtf8(process.readAllStandardError())};
+    return TestSupport::runTolvane({.arguments = args, .input = input,
+                                    .unset = {QStringLiteral("DISPLAY"), QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("QT_QPA_PLATFORM")},
+                                    .timeoutMs = 30000});
 }
 
 QString userMessage(const FakeLlmServer& server)
@@ -65,10 +43,10 @@ private Q_SLOTS:
         server_->chat = [](const QJsonObject&) {
             return FakeLlmServer::answer(QStringLiteral("<<<BEGIN TEXT>>>\n- Café at 9 ☕\n- Bring notes\n<<<END TEXT>>>"));
         };
-        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("bullets")},
+        const auto run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("bullets")},
                                    "um café at nine, uh, and bring notes\n");
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, QStringLiteral("- Café at 9 ☕\n- Bring notes\n").toUtf8());
+        QCOMPARE(run.out, QStringLiteral("- Café at 9 ☕\n- Bring notes\n"));
         // The terminal's final line feed is not part of the text the model sees.
         QCOMPARE(userMessage(*server_), CleanupEngine::prompt(QStringLiteral("um café at nine, uh, and bring notes")));
         QVERIFY2(run.err.contains(QStringLiteral("cleanup: mode=bullets in=36 out=27")), qPrintable(run.err));
@@ -77,9 +55,9 @@ private Q_SLOTS:
     void rawModePrintsStandardInputAsItCame()
     {
         const QByteArray input = "  two\r\nlines, no final line feed";
-        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("raw")}, input);
+        const auto run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("raw")}, input);
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, input);
+        QCOMPARE(run.out.toUtf8(), input);
         QVERIFY(server_->requests.isEmpty());
     }
 
@@ -87,9 +65,9 @@ private Q_SLOTS:
     {
         Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
         const QByteArray input = "keep every word\nas said\n";
-        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("tidy")}, input);
+        const auto run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("tidy")}, input);
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, input);
+        QCOMPARE(run.out.toUtf8(), input);
         QVERIFY2(run.err.contains(QStringLiteral("tolvane: no language model available")) &&
                      run.err.contains(QStringLiteral("Connection refused")),
                  qPrintable(run.err));
@@ -98,16 +76,16 @@ private Q_SLOTS:
     void aFailingServerLeavesTheTextUnchanged()
     {
         server_->chat = [](const QJsonObject&) { return FakeLlmServer::error(500, QStringLiteral("out of memory")); };
-        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("summary")}, "as spoken\n");
+        const auto run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("summary")}, "as spoken\n");
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, QByteArray("as spoken\n"));
+        QCOMPARE(run.out, QStringLiteral("as spoken\n"));
         QVERIFY2(run.err.contains(QStringLiteral("cleanup: error — the server answered HTTP 500: out of memory; pasting raw")),
                  qPrintable(run.err));
     }
 
     void unknownModeIsAnError()
     {
-        const Run run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("shout")}, "text\n");
+        const auto run = runTolvane({QStringLiteral("--cleanup"), QStringLiteral("shout")}, "text\n");
         QCOMPARE(run.exitCode, 2);
         QVERIFY(run.out.isEmpty());
         QVERIFY2(run.err.contains(QStringLiteral("unknown cleanup mode “shout”")), qPrintable(run.err));

@@ -4,9 +4,9 @@
 #include "storage/TranscriptStore.h"
 #include "support/TestSupport.h"
 
-#include "AudioTestSupport.h"
-#include "ClientHarness.h"
-#include "SpeechTestSupport.h"
+#include "support/Sound.h"
+#include "support/RecordingClient.h"
+#include "support/Speech.h"
 
 #include <QFile>
 #include <QJsonDocument>
@@ -14,13 +14,7 @@
 #include <QProcess>
 #include <QTest>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
 #include <optional>
-#include <thread>
 
 namespace {
 
@@ -31,57 +25,21 @@ const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, 
 
 class EndToEndTest : public QObject {
     Q_OBJECT
-    QProcess daemon_;
+    AudioTest::PipeMicrophone microphone_;
     QProcess tolvane_;
-    QString fifo_;
     RecordingClient client_;
     Fingers fingers_;
     QByteArray holdSpeech_, handsFreeSpeech_, liveSpeech_;
-
-    // Writes audio into the microphone's pipe on a thread of its own; with pace, at the speed a
-    // person speaks (in 100 ms pieces). Returns when everything is written.
-    void speak(const QByteArray& audio, bool pace = false)
-    {
-        std::atomic<bool> done{false};
-        std::thread writer([&] {
-            const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
-            if (fd >= 0) {
-                constexpr qsizetype piece = 16000 * 2 / 10;
-                for (qsizetype at = 0; at < audio.size(); at += piece) {
-                    const qsizetype n = std::min(piece, audio.size() - at);
-                    if (::write(fd, audio.constData() + at, static_cast<size_t>(n)) != n)
-                        break;
-                    if (pace)
-                        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                }
-                ::close(fd);
-            }
-            done = true;
-        });
-        TestSupport::waitUntil([&] { return done.load(); }, 60000);
-        writer.join();
-    }
-
-    static bool waitForLog(const TestSupport::LogMark& mark, const QString& message, int timeoutMs = 20000)
-    {
-        return TestSupport::waitUntil([&] { return mark.messages().contains(message); }, timeoutMs);
-    }
 
     void startTolvane(const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment())
     {
         tolvane_.setProcessEnvironment(env);
         tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        tolvane_.start(QStringLiteral(TOLVANE_BINARY), {});
+        tolvane_.start(TestSupport::tolvaneBinary(), {});
         QVERIFY(tolvane_.waitForStarted(10000));
     }
 
-    void stopTolvane()
-    {
-        tolvane_.terminate();
-        if (!tolvane_.waitForFinished(5000))
-            tolvane_.kill();
-        tolvane_.waitForFinished(5000);
-    }
+    void stopTolvane() { TestSupport::stop(tolvane_); }
 
     // A person's tap: the key stays down for a moment.
     void tap(unsigned keycode)
@@ -119,8 +77,7 @@ class EndToEndTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        fifo_ = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/mic.fifo");
-        const QString micProblem = AudioTest::startPipeMicrophone(daemon_, fifo_);
+        const QString micProblem = microphone_.start();
         QVERIFY2(micProblem.isEmpty(), qPrintable(micProblem));
 
         holdSpeech_ = AudioTest::pcm16(SpeechTest::synthesize(QStringLiteral("pick up milk and eggs on the way home")));
@@ -135,16 +92,14 @@ private Q_SLOTS:
         Preferences::shared().setCleanupMode(CleanupMode::raw);
         TestSupport::LogMark mark;
         startTolvane();
-        QVERIFY2(waitForLog(mark, ready, 60000), "tolvane did not become ready");
+        QVERIFY2(mark.waitFor(ready, 60000), "tolvane did not become ready");
         QVERIFY(client_.focus());
     }
 
     void cleanupTestCase()
     {
         stopTolvane();
-        daemon_.terminate();
-        if (!daemon_.waitForFinished(5000))
-            daemon_.kill();
+        microphone_.stop();
     }
 
     void init()
@@ -158,11 +113,11 @@ private Q_SLOTS:
     {
         TestSupport::LogMark mark;
         fingers_.press(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
-        speak(holdSpeech_);
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: audio + transcriber running")));
+        microphone_.speak(holdSpeech_);
         QTest::qWait(1000);  // let the capture take in what the pipe holds
         fingers_.release(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: pasted=true (leadingSpace=false)")));
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: pasted=true (leadingSpace=false)")));
         const QString saved = savedTranscript(1);
         const auto got = arrived(saved);
         QCOMPARE(got.text, saved);
@@ -180,17 +135,17 @@ private Q_SLOTS:
     {
         TestSupport::LogMark mark;
         fingers_.press(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: audio + transcriber running")));
         tap(space);
         QTest::qWait(80);
         fingers_.release(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)")));
-        speak(handsFreeSpeech_);
+        QVERIFY(mark.waitFor(QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)")));
+        microphone_.speak(handsFreeSpeech_);
         QTest::qWait(1000);
         QVERIFY(!mark.messages().contains(QStringLiteral("dictation: finishing (paste=true, fromToggle=true)")));
         tap(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("state: TOGGLE → END (⌥ tap)")));
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: finishing (paste=true, fromToggle=true)")));
+        QVERIFY(mark.waitFor(QStringLiteral("state: TOGGLE → END (⌥ tap)")));
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: finishing (paste=true, fromToggle=true)")));
         // Moments after the previous dictation, so it starts with one blank.
         const QString saved = savedTranscript(2);
         const auto got = arrived(QLatin1Char(' ') + saved);
@@ -204,11 +159,11 @@ private Q_SLOTS:
     {
         TestSupport::LogMark mark;
         fingers_.press(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
-        speak(holdSpeech_);
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: audio + transcriber running")));
+        microphone_.speak(holdSpeech_);
         tap(escape);
         fingers_.release(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: DISCARD")));
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: DISCARD")));
         QTest::qWait(1500);  // anything that would arrive would have by now
         const auto got = client_.dump();
         QVERIFY(got);
@@ -221,8 +176,8 @@ private Q_SLOTS:
         Preferences::shared().setLiveTyping(true);
         TestSupport::LogMark mark;
         fingers_.press(altL);
-        QVERIFY(waitForLog(mark, QStringLiteral("dictation: audio + transcriber running")));
-        speak(liveSpeech_, true);
+        QVERIFY(mark.waitFor(QStringLiteral("dictation: audio + transcriber running")));
+        microphone_.speak(liveSpeech_, true);
         // Words are on screen before the key comes up.
         const auto during = client_.waitFor([](const RecordingClient::Received& r) { return !r.text.trimmed().isEmpty(); });
         QVERIFY2(!during.text.trimmed().isEmpty(), "nothing was typed while speaking");
@@ -239,9 +194,8 @@ private Q_SLOTS:
     void soundServerRestartedWhileRunning()
     {
         // What an update of the sound server does under a running desktop.
-        daemon_.terminate();
-        QVERIFY(daemon_.waitForFinished(5000));
-        const QString micProblem = AudioTest::startPipeMicrophone(daemon_, fifo_);
+        microphone_.stop();
+        const QString micProblem = microphone_.start();
         QVERIFY2(micProblem.isEmpty(), qPrintable(micProblem));
 
         // Qt connects to the new server a few seconds after it is up; until then a dictation fails
@@ -261,7 +215,7 @@ private Q_SLOTS:
             QTest::qWait(500);
         }
         QVERIFY(mark->messages().contains(running));
-        speak(holdSpeech_);
+        microphone_.speak(holdSpeech_);
         QTest::qWait(1000);
         fingers_.release(altL);
         QVERIFY(TestSupport::waitUntil([&] { return !mark->messages().filter(QStringLiteral("dictation: pasted=true")).isEmpty(); }));
@@ -273,7 +227,7 @@ private Q_SLOTS:
     void secondLaunchHandsOverToTheRunningOne()
     {
         QProcess second;
-        second.start(QStringLiteral(TOLVANE_BINARY), {});
+        second.start(TestSupport::tolvaneBinary(), {});
         QVERIFY(second.waitForFinished(15000));
         QCOMPARE(second.exitCode(), 0);
         QVERIFY(QString::fromUtf8(second.readAllStandardOutput()).contains(QStringLiteral("already running")));
@@ -287,7 +241,7 @@ private Q_SLOTS:
         env.insert(QStringLiteral("PULSE_SERVER"), QStringLiteral("unix:/nonexistent/tolvane-no-sound-server"));
         TestSupport::LogMark mark;
         startTolvane(env);
-        QVERIFY(waitForLog(mark, QStringLiteral("bootstrap: microphone = false"), 30000));
+        QVERIFY(mark.waitFor(QStringLiteral("bootstrap: microphone = false"), 30000));
         QTest::qWait(500);
         QCOMPARE(tolvane_.state(), QProcess::Running);
         QVERIFY(!mark.messages().contains(ready));

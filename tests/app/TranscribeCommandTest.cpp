@@ -1,36 +1,25 @@
-#include "speech/SpeechTestSupport.h"
+#include "support/Speech.h"
+#include "support/TestSupport.h"
 
 #include "speech/TranscriberController.h"
 #include "storage/Preferences.h"
 
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
-using SpeechTest::await;
+using TestSupport::await;
 
 namespace {
 
 struct Run {
     int exitCode = -1;
-    QStringList out;
-    QStringList err;
+    QStringList out, err;
 };
 
 Run tolvane(const QStringList& args)
 {
-    QProcess p;
-    p.start(QStringLiteral(TOLVANE_BINARY), args);
-    Run r;
-    if (!p.waitForFinished(120000)) {
-        p.kill();
-        p.waitForFinished();
-        return r;
-    }
-    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = QString::fromUtf8(p.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    r.err = QString::fromUtf8(p.readAllStandardError()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    return r;
+    const TestSupport::ProgramRun run = TestSupport::runTolvane({.arguments = args, .timeoutMs = 120000});
+    return {run.exitCode, run.outLines(), run.errLines()};
 }
 
 // What the engine hears from the same speech handed to it directly at its own rate.
@@ -107,7 +96,7 @@ void TranscribeCommandTest::failuresAreOneLineAndNonZero_data()
     const QString missing = dir_.filePath(QStringLiteral("missing.wav"));
     QTest::newRow("missing file") << QStringList{QStringLiteral("--transcribe"), missing}
                                   << QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(missing);
-    QTest::newRow("not a sound file") << QStringList{QStringLiteral("--transcribe"), QStringLiteral(TOLVANE_BINARY)}
+    QTest::newRow("not a sound file") << QStringList{QStringLiteral("--transcribe"), TestSupport::tolvaneBinary()}
                                       << QStringLiteral("tolvane: Cannot read the audio file");
     QTest::newRow("unsupported language")
         << QStringList{QStringLiteral("--transcribe"), wav48Stereo_, QStringLiteral("--locale"), QStringLiteral("xx-XX")}

@@ -1,6 +1,6 @@
 #include "audio/AudioEngineController.h"
 
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
 #include "support/TestSupport.h"
 
 #include <QTest>

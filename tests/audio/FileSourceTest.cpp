@@ -1,6 +1,6 @@
 #include "audio/FileSource.h"
 
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
 
 #include <QSignalSpy>
 #include <QTest>

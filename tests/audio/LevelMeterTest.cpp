@@ -1,6 +1,6 @@
 #include "audio/LevelMeter.h"
 
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
 
 #include <QTest>
 

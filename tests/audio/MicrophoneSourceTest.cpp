@@ -5,7 +5,7 @@
 #include "audio/AudioEngineController.h"
 #include "audio/MicrophoneSource.h"
 
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
 #include "support/TestSupport.h"
 
 #include <QProcess>
@@ -42,7 +42,7 @@ struct Capture {
 
 class MicrophoneSourceTest : public QObject {
     Q_OBJECT
-    QProcess daemon_;
+    AudioTest::SoundServer server_;
     QString tone_;
 
     // Plays a second of tone into a sink (real-time, like a person talking) and waits until the capture
@@ -60,14 +60,9 @@ class MicrophoneSourceTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(AudioTest::forbidSoundServerAutospawn());  // this test runs the only daemon
-        daemon_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        daemon_.start(QStringLiteral("pulseaudio"),
-                      {QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
-                       QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix"),
-                       QStringLiteral("--load=module-null-sink sink_name=vsink"), QStringLiteral("--load=module-null-sink sink_name=vsink2")});
-        QVERIFY2(daemon_.waitForStarted(10000), "pulseaudio is needed (scripts/setup.sh --test installs it)");
-        QVERIFY(TestSupport::waitUntil([] { return pactl({QStringLiteral("info")}); }, 15000));
+        const QString problem =
+            server_.start({QStringLiteral("module-null-sink sink_name=vsink"), QStringLiteral("module-null-sink sink_name=vsink2")});
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
         QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), QStringLiteral("master=vsink.monitor"),
                        QStringLiteral("source_name=vmic")}));
         QVERIFY(pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"), QStringLiteral("master=vsink2.monitor"),
@@ -80,13 +75,6 @@ private Q_SLOTS:
     {
         // The second one listed is the default: Qt alone would pick the first.
         QVERIFY(pactl({QStringLiteral("set-default-source"), QStringLiteral("vmic2")}));
-    }
-
-    void cleanupTestCase()
-    {
-        daemon_.terminate();
-        if (!daemon_.waitForFinished(5000))
-            daemon_.kill();
     }
 
     void hearsTheDefaultInputAndFollowsASwitch()

@@ -5,7 +5,7 @@
 #include "audio/AudioEngineController.h"
 #include "audio/MicrophoneSource.h"
 
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
 #include "support/TestSupport.h"
 
 #include <QLocalServer>

@@ -1,6 +1,6 @@
 // The key monitor against a real X server: what it reports for each activation key, what it
 // swallows, what it leaves alone, and how it keeps the activation key from counting as a lone tap.
-#include "ClientHarness.h"
+#include "support/RecordingClient.h"
 #include "keyboard/x11/HotkeyManager.h"
 #include "keyboard/x11/TextInjector.h"
 #include "support/TestSupport.h"

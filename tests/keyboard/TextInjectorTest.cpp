@@ -1,6 +1,6 @@
 // The injector against a real X server and a real client, under the layout this build of the test
 // names (TOLVANE_TEST_LAYOUT): what the client receives must be exactly what was typed or pasted.
-#include "ClientHarness.h"
+#include "support/RecordingClient.h"
 #include "keyboard/x11/TextInjector.h"
 #include "storage/Preferences.h"
 #include "support/TestSupport.h"

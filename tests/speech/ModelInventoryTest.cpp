@@ -1,4 +1,5 @@
-#include "SpeechTestSupport.h"
+#include "support/Speech.h"
+#include "support/TestSupport.h"
 
 #include "speech/ModelInventory.h"
 #include "speech/TranscriberController.h"
@@ -17,7 +18,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-using SpeechTest::await;
+using TestSupport::await;
 
 namespace {
 

@@ -1,4 +1,5 @@
-#include "SpeechTestSupport.h"
+#include "support/Speech.h"
+#include "support/TestSupport.h"
 
 #include "speech/ModelInventory.h"
 #include "speech/PocketsphinxEngine.h"
@@ -14,7 +15,7 @@
 #include <chrono>
 #include <mutex>
 
-using SpeechTest::await;
+using TestSupport::await;
 
 namespace {
 

@@ -1,4 +1,5 @@
-#include "SpeechTestSupport.h"
+#include "support/Speech.h"
+#include "support/TestSupport.h"
 
 #include "speech/AbstractModelInventory.h"
 #include "speech/AnalyzerInputStream.h"
@@ -12,7 +13,7 @@
 #include <numeric>
 #include <thread>
 
-using SpeechTest::await;
+using TestSupport::await;
 
 namespace {
 

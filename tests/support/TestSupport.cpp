@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QThread>
 
@@ -37,6 +38,11 @@ LogMark::LogMark() : start_(logMessages().size()) {}
 
 QStringList LogMark::messages() const { return logMessages().mid(start_); }
 
+bool LogMark::waitFor(const QString& message, int timeoutMs) const
+{
+    return waitUntil([&] { return messages().contains(message); }, timeoutMs);
+}
+
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
@@ -58,6 +64,65 @@ void run(QCoro::Task<> task)
     };
     auto pending = wrapper(std::move(task), done);
     waitUntil([&] { return done; }, 30000);
+}
+
+void await(QCoro::Task<void> task)
+{
+    std::exception_ptr error;
+    bool done = false;
+    auto wrap = [](QCoro::Task<void> t, std::exception_ptr& e, bool& flag) -> QCoro::Task<> {
+        try {
+            co_await t;
+        } catch (...) {
+            e = std::current_exception();
+        }
+        flag = true;
+    };
+    run(wrap(std::move(task), error, done));
+    if (error)
+        std::rethrow_exception(error);
+    if (!done)
+        throw std::runtime_error("task did not finish in time");
+}
+
+void stop(QProcess& process)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.terminate();
+    if (!process.waitForFinished(5000))
+        process.kill();
+    process.waitForFinished(5000);
+}
+
+QString tolvaneBinary() { return QStringLiteral(TOLVANE_BINARY); }
+
+ProgramRun runTolvane(const Program& program)
+{
+    QProcess process;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& name : program.unset)
+        env.remove(name);
+    for (auto it = program.set.begin(); it != program.set.end(); ++it)
+        env.insert(it.key(), it.value());
+    process.setProcessEnvironment(env);
+    if (!program.workingDirectory.isEmpty())
+        process.setWorkingDirectory(program.workingDirectory);
+    process.start(tolvaneBinary(), program.arguments);
+    if (!process.waitForStarted())
+        return {};
+    process.write(program.input);
+    process.closeWriteChannel();
+    ProgramRun run;
+    if (!waitUntil([&] { return process.state() == QProcess::NotRunning; }, program.timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+    } else if (process.exitStatus() == QProcess::NormalExit) {
+        run.exitCode = process.exitCode();
+    }
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
 }
 
 }  // namespace TestSupport

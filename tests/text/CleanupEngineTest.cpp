@@ -9,17 +9,9 @@
 
 #include <optional>
 
-namespace {
+using TestSupport::await;
 
-template <typename T>
-T await(QCoro::Task<T> task)
-{
-    std::optional<T> result;
-    TestSupport::run([](QCoro::Task<T> t, std::optional<T>& out) -> QCoro::Task<> { out = co_await t; }(std::move(task), result));
-    if (!result)
-        qFatal("the task did not finish");
-    return *result;
-}
+namespace {
 
 // Starts a call and lets it run in the background; finished() tells when it returned.
 struct PendingCall {

@@ -2,12 +2,12 @@
 // and (registered a second time) under an X server.
 
 #include "storage/Preferences.h"
+#include "support/TestSupport.h"
 #include "text/SnippetStore.h"
 #include "ui/SettingsView.h"
 
 #include <QFile>
 #include <QImage>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -18,27 +18,16 @@ struct Run {
     QStringList lines;
 };
 
+// The program chooses its platform itself: the X server when the run has one (the XVFB variant of
+// this test), otherwise offscreen rendering.
 Run runShots(const QStringList& arguments, const QString& workingDirectory, const QString& display = QString())
 {
-    QProcess process;
-    // The program chooses its platform itself: the X server when the run has one (the XVFB variant
-    // of this test), otherwise offscreen rendering.
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    TestSupport::Program program{.arguments = QStringList{QStringLiteral("--shots")} + arguments,
+                                 .unset = {QStringLiteral("QT_QPA_PLATFORM")}, .workingDirectory = workingDirectory};
     if (!display.isEmpty())
-        env.insert(QStringLiteral("DISPLAY"), display);
-    process.setProcessEnvironment(env);
-    process.setWorkingDirectory(workingDirectory);
-    process.start(QStringLiteral(TOLVANE_BINARY), QStringList{QStringLiteral("--shots")} + arguments);
-    Run run;
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        return run;
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.lines = QString::fromUtf8(process.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    return run;
+        program.set.insert(QStringLiteral("DISPLAY"), display);
+    const TestSupport::ProgramRun run = TestSupport::runTolvane(program);
+    return {run.exitCode, run.outLines()};
 }
 
 QByteArray readAll(const QString& path)

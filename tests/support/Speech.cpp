@@ -1,4 +1,4 @@
-#include "SpeechTestSupport.h"
+#include "support/Speech.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,25 +9,6 @@
 #include <cstring>
 
 namespace SpeechTest {
-
-void await(QCoro::Task<void> task)
-{
-    std::exception_ptr error;
-    bool done = false;
-    auto wrap = [](QCoro::Task<void> t, std::exception_ptr& e, bool& flag) -> QCoro::Task<> {
-        try {
-            co_await t;
-        } catch (...) {
-            e = std::current_exception();
-        }
-        flag = true;
-    };
-    TestSupport::run(wrap(std::move(task), error, done));
-    if (error)
-        std::rethrow_exception(error);
-    if (!done)
-        throw std::runtime_error("task did not finish in time");
-}
 
 std::vector<float> synthesize(const QString& text, const QString& wavPath, int rate, int channels)
 {

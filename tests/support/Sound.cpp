@@ -1,4 +1,6 @@
-#include "AudioTestSupport.h"
+#include "support/Sound.h"
+
+#include "support/TestSupport.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -6,11 +8,16 @@
 #include <QProcess>
 #include <QThread>
 
+#include <fcntl.h>
 #include <sndfile.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <numbers>
+#include <thread>
 
 namespace AudioTest {
 
@@ -99,26 +106,66 @@ QStringList pactl(const QStringList& args)
     return QString::fromUtf8(p.readAllStandardOutput()).split(QLatin1Char('\n'));
 }
 
-QString startPipeMicrophone(QProcess& daemon, const QString& fifo)
+SoundServer::~SoundServer() { stop(); }
+
+QString SoundServer::start(const QStringList& modules)
 {
     if (!forbidSoundServerAutospawn())
         return QStringLiteral("cannot write the sound-server client configuration");
-    daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    daemon.start(QStringLiteral("pulseaudio"),
-                 {QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
-                  QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix"),
-                  QStringLiteral("--load=module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo)});
-    if (!daemon.waitForStarted(10000))
+    QStringList args{QStringLiteral("--daemonize=no"), QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--disallow-exit"),
+                     QStringLiteral("-n"), QStringLiteral("--log-level=error"), QStringLiteral("--load=module-native-protocol-unix")};
+    for (const QString& module : modules)
+        args << QStringLiteral("--load=") + module;
+    daemon_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon_.start(QStringLiteral("pulseaudio"), args);
+    if (!daemon_.waitForStarted(10000))
         return QStringLiteral("pulseaudio is needed (scripts/setup.sh --test installs it)");
     QDeadlineTimer deadline(15000);
     while (pactl({QStringLiteral("info")}).isEmpty()) {
-        if (deadline.hasExpired() || daemon.state() != QProcess::Running)
+        if (deadline.hasExpired() || daemon_.state() != QProcess::Running)
             return QStringLiteral("the PulseAudio daemon did not answer");
         QThread::msleep(50);
     }
+    return {};
+}
+
+void SoundServer::stop() { TestSupport::stop(daemon_); }
+
+PipeMicrophone::PipeMicrophone() : fifo_(sandboxPath(QStringLiteral("mic.fifo"))) {}
+
+QString PipeMicrophone::start()
+{
+    if (QString problem = server_.start(
+            {QStringLiteral("module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo_)});
+        !problem.isEmpty())
+        return problem;
     if (pactl({QStringLiteral("set-default-source"), QStringLiteral("mic")}).isEmpty())
         return QStringLiteral("the pipe source is missing");
     return {};
+}
+
+void PipeMicrophone::speak(const QByteArray& pcm, bool pace)
+{
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
+        if (fd >= 0) {
+            constexpr qsizetype piece = 16000 * 2 / 10;
+            const auto begin = std::chrono::steady_clock::now();
+            for (qsizetype at = 0; at < pcm.size(); at += piece) {
+                const qsizetype n = std::min(piece, pcm.size() - at);
+                if (::write(fd, pcm.constData() + at, static_cast<size_t>(n)) != n)
+                    break;
+                // Against the start, so the pace does not drift with the time writes take.
+                if (pace)
+                    std::this_thread::sleep_until(begin + std::chrono::microseconds((at + n) * 100000 / piece));
+            }
+            ::close(fd);
+        }
+        done = true;
+    });
+    TestSupport::waitUntil([&] { return done.load(); }, 120000);
+    writer.join();
 }
 
 QByteArray pcm16(const std::vector<float>& samples)

@@ -1,6 +1,6 @@
 #pragma once
 
-// Signals made in code, WAV files and a pipe microphone for the audio tests.
+// Signals made in code, WAV files, and sound servers of the test's own.
 
 #include "audio/AudioBuffer.h"
 
@@ -40,10 +40,34 @@ bool forbidSoundServerAutospawn();
 // Runs pactl against the sandbox's sound server; its output lines, or nothing when it fails.
 QStringList pactl(const QStringList& args);
 
-// Starts a PulseAudio daemon in `daemon` whose default source "mic" is a pipe at `fifo` read as
-// 16 kHz mono s16le (while nothing is written, it delivers nothing), with autospawn forbidden.
-// Returns what went wrong, or an empty string once the daemon answers.
-QString startPipeMicrophone(QProcess& daemon, const QString& fifo);
+// A PulseAudio daemon of the test's own, in its sandbox, loading `modules` (pulseaudio --load
+// arguments) besides its socket, with autospawn forbidden. Stopped when destroyed.
+class SoundServer {
+public:
+    ~SoundServer();
+    // What went wrong, or an empty string once the daemon answers.
+    QString start(const QStringList& modules);
+    void stop();
+
+private:
+    QProcess daemon_;
+};
+
+// A sound server whose default source "mic" is a pipe read as 16 kHz mono s16le (while nothing is
+// written, it delivers nothing).
+class PipeMicrophone {
+public:
+    PipeMicrophone();
+    QString start();
+    void stop() { server_.stop(); }
+    // Writes 16-bit samples into the pipe on a thread of its own; with `pace`, at the speed a
+    // person speaks, in 100 ms pieces. Returns when everything is written.
+    void speak(const QByteArray& pcm, bool pace = false);
+
+private:
+    SoundServer server_;
+    QString fifo_;
+};
 
 // Float samples as signed 16-bit little-endian frames, as a pipe source reads them.
 QByteArray pcm16(const std::vector<float>& samples);

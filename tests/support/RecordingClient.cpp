@@ -1,4 +1,4 @@
-#include "ClientHarness.h"
+#include "support/RecordingClient.h"
 
 #include "support/TestSupport.h"
 

@@ -1,0 +1,22 @@
+#pragma once
+
+// Synthesised speech a recogniser understands, and how many of its words came back.
+
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
+namespace SpeechTest {
+
+// Speech for `text` in festival's HTS voice, as 16 kHz mono float samples (empty when festival or
+// sox is missing). `rate`/`channels` pick another output format; the file is written to `wavPath`
+// when given.
+std::vector<float> synthesize(const QString& text, const QString& wavPath = QString(), int rate = 16000, int channels = 1);
+
+// Lower-case words without punctuation.
+QStringList words(const QString& text);
+// How many of `expected`'s words appear in `actual`, in order (longest common subsequence).
+int wordsInOrder(const QStringList& expected, const QStringList& actual);
+
+}  // namespace SpeechTest
