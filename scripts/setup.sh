@@ -16,8 +16,17 @@ test_pkgs=(
   pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts
 )
 
+# Only scripts/coverage.sh needs it.
+coverage_pkgs=(gcovr)
+
 want=("${build_pkgs[@]}")
-if [ "${1:-}" = "--test" ]; then want+=("${test_pkgs[@]}"); fi
+for arg in "$@"; do
+  case "$arg" in
+    --test) want+=("${test_pkgs[@]}") ;;
+    --coverage) want+=("${coverage_pkgs[@]}") ;;
+    *) echo "setup: unknown option $arg (use --test, --coverage)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${want[@]}"; do
