@@ -1,61 +1,61 @@
+// The dictation controller's modes, driven through its collaborators' callbacks as the key monitor,
+// the pill, the capture and the transcriber deliver them.
 #include "support/DelegateRig.h"
 
-#include "dictation/AppDelegate.h"
 #include "storage/Preferences.h"
-#include "storage/TranscriptStore.h"
 #include "support/TestSupport.h"
 
 #include <QTest>
 
-#include <memory>
 #include <thread>
 
 using Mode = AppDelegate::Mode;
+Q_DECLARE_METATYPE(AppDelegate::Mode)
 
 namespace {
 
 struct Rig : DelegateRig {
-    void tap()
+    // Rig events, or a change of circumstance: "settings" (Settings has the keyboard focus), "live"
+    // (live typing on), "mic fails", "model fails", "slow start" (the transcriber's start waits),
+    // "start opens", "finishes" (the pending finish completes), "partial" (a partial result).
+    void step(const QString& e)
     {
-        fire(QStringLiteral("key down"));
-        fire(QStringLiteral("key up"));
-    }
-
-    // Brings the machine into a state through real events, then forgets what that took.
-    void enter(const QString& state)
-    {
-        if (state == QLatin1String("hold")) {
-            fire(QStringLiteral("key down"));
-        } else if (state == QLatin1String("toggle")) {
-            fire(QStringLiteral("chord"));
-        } else if (state == QLatin1String("toggle, key still held")) {
-            fire(QStringLiteral("key down"));
-            fire(QStringLiteral("chord"));
-        } else if (state == QLatin1String("finishing")) {
+        if (e == QLatin1String("settings"))
+            settings.key = true;
+        else if (e == QLatin1String("live"))
+            Preferences::shared().setLiveTyping(true);
+        else if (e == QLatin1String("mic fails"))
+            audio.failure = QStringLiteral("no microphone");
+        else if (e == QLatin1String("model fails"))
+            transcriber.startFailure = QStringLiteral("model missing");
+        else if (e == QLatin1String("slow start"))
+            transcriber.startGate.closed = true;
+        else if (e == QLatin1String("start opens"))
+            transcriber.startGate.release();
+        else if (e == QLatin1String("finishes")) {
+            transcriber.finishGate.release();
+            settle();
             transcriber.finishGate.closed = true;
-            fire(QStringLiteral("key down"));
-            fire(QStringLiteral("key up"));
-        }
-        journal.take();
+        } else if (e == QLatin1String("partial"))
+            transcriber.onPartial(QString(), QStringLiteral("word"));
+        else
+            fire(e);
+        settle();
+    }
+    void steps(const QString& list)
+    {
+        for (const QString& e : list.split(QLatin1Char(','), Qt::SkipEmptyParts))
+            step(e.trimmed());
     }
 };
 
-const QStringList startCalls(bool toggle)
+QStringList startCalls(bool toggle)
 {
     return {QStringLiteral("overlay.setMode(%1)").arg(toggle ? QStringLiteral("true") : QStringLiteral("false")),
             QStringLiteral("overlay.show"), QStringLiteral("transcriber.start"), QStringLiteral("audio.start")};
 }
-const QStringList finishCalls{QStringLiteral("audio.stop"), QStringLiteral("overlay.beginProcessing"),
-                              QStringLiteral("transcriber.finish")};
-const QStringList discardCalls{QStringLiteral("overlay.setMode(false)"), QStringLiteral("audio.stop"),
-                               QStringLiteral("overlay.resetToIdle"), QStringLiteral("menuBar.stopAnimating"),
-                               QStringLiteral("transcriber.cancel")};
-const QString finishHold = QStringLiteral("dictation: finishing (paste=true, fromToggle=false)");
-const QString finishToggle = QStringLiteral("dictation: finishing (paste=true, fromToggle=true)");
 
 }  // namespace
-
-Q_DECLARE_METATYPE(AppDelegate::Mode)
 
 class StateMachineTest : public QObject {
     Q_OBJECT
@@ -63,15 +63,13 @@ private Q_SLOTS:
     void init()
     {
         QFile::remove(Preferences::shared().storePath());
-        Preferences::shared().setCleanupMode(CleanupMode::raw);  // what is inserted is not this test's concern
+        Preferences::shared().setCleanupMode(CleanupMode::raw);
+        Preferences::shared().setLiveTyping(false);
     }
 
-    void transitionTable_data()
+    void transitions_data()
     {
-        QTest::addColumn<QString>("from");
-        QTest::addColumn<QString>("event");
-        QTest::addColumn<bool>("settingsKey");
-        QTest::addColumn<bool>("liveTyping");
+        QTest::addColumn<QString>("events");  // "set-up | observed"
         QTest::addColumn<QStringList>("calls");
         QTest::addColumn<QStringList>("logs");
         QTest::addColumn<Mode>("to");
@@ -80,293 +78,152 @@ private Q_SLOTS:
                       chord = QStringLiteral("hotkey: ⌥+SPACE chord"), esc = QStringLiteral("hotkey: ESC (discard)"),
                       accept = QStringLiteral("overlay: INSERT (✓) button clicked"),
                       discard = QStringLiteral("overlay: DISCARD button clicked"),
+                      startHold = QStringLiteral("dictation: starting (mode=hold)"),
+                      startToggle = QStringLiteral("dictation: starting (mode=toggle)"),
                       running = QStringLiteral("dictation: audio + transcriber running"),
-                      dropped = QStringLiteral("dictation: DISCARD");
-        auto row = [](const QString& from, const QString& event, bool settingsKey, bool live, const QStringList& calls,
-                      const QStringList& logs, Mode to) {
-            const QString name = from + QStringLiteral(" / ") + event + (settingsKey ? QStringLiteral(" / settings key") : QString())
-                                 + (live ? QStringLiteral(" / live typing") : QString());
-            QTest::newRow(qPrintable(name)) << from << event << settingsKey << live << calls << logs << to;
+                      dropped = QStringLiteral("dictation: DISCARD"),
+                      finishHold = QStringLiteral("dictation: finishing (paste=true, fromToggle=false)"),
+                      finishToggle = QStringLiteral("dictation: finishing (paste=true, fromToggle=true)"),
+                      endHold = QStringLiteral("dictation: END + PASTE (from hold)"),
+                      endToggle = QStringLiteral("dictation: END + PASTE (from toggle)"),
+                      tapEnds = QStringLiteral("state: TOGGLE → END (⌥ tap)"),
+                      abandoned = QStringLiteral("dictation: start abandoned (ended while starting)");
+        const QStringList finish{QStringLiteral("audio.stop"), QStringLiteral("overlay.beginProcessing"),
+                                 QStringLiteral("transcriber.finish")};
+        const QStringList drop{QStringLiteral("overlay.setMode(false)"), QStringLiteral("audio.stop"),
+                               QStringLiteral("overlay.resetToIdle"), QStringLiteral("menuBar.stopAnimating"),
+                               QStringLiteral("transcriber.cancel")};
+        const QStringList failed{QStringLiteral("audio.stop"), QStringLiteral("overlay.resetToIdle"),
+                                 QStringLiteral("menuBar.stopAnimating"), QStringLiteral("overlay.setMode(false)")};
+        const QString cancel = QStringLiteral("transcriber.cancel");
+        auto row = [](const QString& events, const QStringList& calls, const QStringList& logs, Mode to) {
+            QTest::newRow(qPrintable(events)) << events << calls << logs << to;
         };
 
-        // idle
-        row("idle", "key down", false, false, startCalls(false),
-            {down, QStringLiteral("dictation: starting (mode=hold)"), running}, Mode::hold);
-        row("idle", "key down", true, false, {}, {down}, Mode::idle);
-        row("idle", "chord", false, false, startCalls(true),
-            {chord, QStringLiteral("dictation: starting (mode=toggle)"), running}, Mode::toggle);
-        row("idle", "chord", true, false, {}, {chord}, Mode::idle);
-        row("idle", "key up", false, false, {}, {up}, Mode::idle);
-        row("idle", "any key", false, false, {}, {}, Mode::idle);
-        row("idle", "esc", false, false, {}, {}, Mode::idle);
-        row("idle", "accept", false, false, {}, {accept}, Mode::idle);
-        row("idle", "discard", false, false, {}, {discard}, Mode::idle);
-        // hold
-        row("hold", "key up", false, false, finishCalls, {up, finishHold}, Mode::finishing);
-        row("hold", "key up", true, false, finishCalls, {up, finishHold}, Mode::finishing);  // no Settings check on release
-        row("hold", "chord", false, false, {QStringLiteral("overlay.setMode(true)")},
+        // From idle; Settings having the focus keeps the keys for itself.
+        row("| key down", startCalls(false), {down, startHold, running}, Mode::hold);
+        row("settings | key down", {}, {down}, Mode::idle);
+        row("| chord", startCalls(true), {chord, startToggle, running}, Mode::toggle);
+        row("settings | chord", {}, {chord}, Mode::idle);
+        row("| key up, any key, esc, accept, discard", {}, {up, accept, discard}, Mode::idle);
+        row("live | partial", {}, {}, Mode::idle);
+        // Holding.
+        row("key down | key up", finish, {up, finishHold}, Mode::finishing);
+        row("key down, settings | key up", finish, {up, finishHold}, Mode::finishing);
+        row("key down | chord", {QStringLiteral("overlay.setMode(true)")},
             {chord, QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)")}, Mode::toggle);
-        row("hold", "chord", true, false, {}, {chord}, Mode::hold);
-        row("hold", "esc", false, false, discardCalls, {esc, dropped}, Mode::idle);
-        row("hold", "discard", false, false, discardCalls, {discard, dropped}, Mode::idle);
-        row("hold", "accept", false, false, finishCalls,
-            {accept, QStringLiteral("dictation: END + PASTE (from hold)"), finishToggle}, Mode::finishing);
-        row("hold", "key down", false, false, {}, {down}, Mode::hold);
-        row("hold", "any key", false, false, {}, {}, Mode::hold);
-        // toggle
-        row("toggle", "key up", false, false, finishCalls,
-            {up, QStringLiteral("state: TOGGLE → END (⌥ tap)"), QStringLiteral("dictation: END + PASTE (from toggle)"),
-             finishToggle},
+        row("key down, settings | chord", {}, {chord}, Mode::hold);
+        row("key down | esc", drop, {esc, dropped}, Mode::idle);
+        row("key down | discard", drop, {discard, dropped}, Mode::idle);
+        row("key down | accept", finish, {accept, endHold, finishToggle}, Mode::finishing);
+        row("key down | key down, any key", {}, {down}, Mode::hold);
+        row("live, key down | partial", {QStringLiteral("injector.insertText(word)")}, {}, Mode::hold);
+        row("key down | key up, finishes",
+            finish + QStringList{QStringLiteral("injector.insertText(hello there)"), QStringLiteral("overlay.resetToIdle"),
+                                 QStringLiteral("menuBar.stopAnimating")},
+            {up, finishHold, QStringLiteral("dictation: final text length=11"),
+             QStringLiteral("dictation: pasted=true (leadingSpace=false)")},
+            Mode::idle);
+        // Hands-free; a hold turned hands-free ignores the release of the key that was held.
+        row("chord | key up", finish, {up, tapEnds, endToggle, finishToggle}, Mode::finishing);
+        row("key down, chord | key up", {}, {up}, Mode::toggle);
+        row("key down, chord, key up | key down, key up", finish, {down, up, tapEnds, endToggle, finishToggle},
             Mode::finishing);
-        row("toggle, key still held", "key up", false, false, {}, {up}, Mode::toggle);
-        row("toggle", "chord", false, false, finishCalls, {chord, QStringLiteral("state: TOGGLE → END (chord)"), finishToggle},
+        row("chord | chord", finish, {chord, QStringLiteral("state: TOGGLE → END (chord)"), finishToggle}, Mode::finishing);
+        row("chord, settings | chord", {}, {chord}, Mode::toggle);
+        row("chord | any key", finish,
+            {QStringLiteral("hotkey: key during toggle → end + paste"), endToggle, finishToggle}, Mode::finishing);
+        row("live, chord | any key", {}, {}, Mode::toggle);
+        row("chord | esc", drop, {esc, dropped}, Mode::idle);
+        row("chord | discard", drop, {discard, dropped}, Mode::idle);
+        row("chord | accept", finish, {accept, endToggle, finishToggle}, Mode::finishing);
+        row("chord | key down", {}, {down}, Mode::toggle);
+        // Ended while the key is still down: the flag must not swallow a later dictation's tap.
+        for (const char* ending : {"esc", "chord", "accept", "discard", "any key"})
+            row(QStringLiteral("key down, chord, %1, finishes, key up, chord | key down, key up").arg(QLatin1String(ending)),
+                finish, {down, up, tapEnds, endToggle, finishToggle}, Mode::finishing);
+        // Finishing takes no orders.
+        row("key down, key up | key down, key up, chord, any key, esc, accept, discard", {},
+            {down, up, chord, esc, accept, discard}, Mode::finishing);
+        // Failed starts leave everything idle, the pill narrow and no session open.
+        row("mic fails | key down", startCalls(false) + failed + QStringList{cancel},
+            {down, startHold, QStringLiteral("dictation: start FAILED: no microphone")}, Mode::idle);
+        row("mic fails | chord", startCalls(true) + failed + QStringList{cancel},
+            {chord, startToggle, QStringLiteral("dictation: start FAILED: no microphone")}, Mode::idle);
+        row("model fails | key down", startCalls(false).mid(0, 3) + failed,
+            {down, startHold, QStringLiteral("dictation: start FAILED: model missing")}, Mode::idle);
+        // Ended while the transcriber was still starting: the microphone never comes on.
+        row("slow start, key down | key up, start opens", finish + QStringList{cancel}, {up, finishHold, abandoned},
             Mode::finishing);
-        row("toggle", "chord", true, false, {}, {chord}, Mode::toggle);
-        row("toggle", "any key", false, false, finishCalls,
-            {QStringLiteral("hotkey: key during toggle → end + paste"), QStringLiteral("dictation: END + PASTE (from toggle)"),
-             finishToggle},
+        row("slow start, key down | esc, start opens", drop + QStringList{cancel}, {esc, dropped, abandoned}, Mode::idle);
+        row("slow start, key down | chord, chord, start opens",
+            QStringList{QStringLiteral("overlay.setMode(true)")} + finish + QStringList{cancel},
+            {chord, QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)"), chord,
+             QStringLiteral("state: TOGGLE → END (chord)"), finishToggle, abandoned},
             Mode::finishing);
-        row("toggle", "any key", false, true, {}, {}, Mode::toggle);
-        row("toggle", "esc", false, false, discardCalls, {esc, dropped}, Mode::idle);
-        row("toggle", "discard", false, false, discardCalls, {discard, dropped}, Mode::idle);
-        row("toggle", "accept", false, false, finishCalls,
-            {accept, QStringLiteral("dictation: END + PASTE (from toggle)"), finishToggle}, Mode::finishing);
-        row("toggle", "key down", false, false, {}, {down}, Mode::toggle);
-        // finishing: every event is ignored; only the callbacks' own lines are written
-        row("finishing", "key down", false, false, {}, {down}, Mode::finishing);
-        row("finishing", "key up", false, false, {}, {up}, Mode::finishing);
-        row("finishing", "chord", false, false, {}, {chord}, Mode::finishing);
-        row("finishing", "any key", false, false, {}, {}, Mode::finishing);
-        row("finishing", "esc", false, false, {}, {esc}, Mode::finishing);
-        row("finishing", "accept", false, false, {}, {accept}, Mode::finishing);
-        row("finishing", "discard", false, false, {}, {discard}, Mode::finishing);
+        row("slow start, key down, esc, start opens | key down", startCalls(false), {down, startHold, running}, Mode::hold);
     }
 
-    void transitionTable()
+    void transitions()
     {
-        QFETCH(QString, from);
-        QFETCH(QString, event);
-        QFETCH(bool, settingsKey);
-        QFETCH(bool, liveTyping);
+        QFETCH(QString, events);
         QFETCH(QStringList, calls);
         QFETCH(QStringList, logs);
         QFETCH(Mode, to);
 
-        Preferences::shared().setLiveTyping(liveTyping);
         Rig rig;
-        rig.transcriber.finishGate.closed = true;  // hold the pipeline in finishing to see it
-        rig.enter(from);
-        rig.settings.key = settingsKey;
+        rig.transcriber.finalText = QStringLiteral("  hello there \n");
+        rig.transcriber.finishGate.closed = true;  // holds the pipeline in finishing to see it
+        rig.steps(events.section(QLatin1Char('|'), 0, 0));
+        rig.journal.take();
         TestSupport::LogMark mark;
-        rig.fire(event);
+        rig.steps(events.section(QLatin1Char('|'), 1));
         QCOMPARE(rig.journal.take(), calls);
         QCOMPARE(mark.messages(), logs);
         QCOMPARE(rig.mode(), to);
 
-        // However it got there, the machine comes back to idle with the pill narrow.
+        // However it got there, it comes to rest with nothing left running.
+        rig.transcriber.startGate.release();
         rig.transcriber.finishGate.release();
         rig.settle();
         QCOMPARE(rig.mode(), to == Mode::finishing ? Mode::idle : to);
-        if (rig.mode() == Mode::idle)
+        QCOMPARE(rig.audio.running, rig.mode() != Mode::idle);
+        if (rig.mode() == Mode::idle) {
             QVERIFY(!rig.overlay.wide);
+            QCOMPARE(rig.transcriber.openSessions, 0);
+            QVERIFY(!rig.transcriber.inputContinuation());
+        }
     }
 
-    void finishingClosesInOrder()
+    void collaboratorCallbacks()
     {
         Rig rig;
-        rig.transcriber.finalText = QStringLiteral("  hello there \n");
-        rig.enter(QStringLiteral("hold"));
-        TestSupport::LogMark mark;
-        rig.fire(QStringLiteral("key up"));
-        const QStringList expected = finishCalls + QStringList{QStringLiteral("injector.insertText(hello there)"),
-                                                               QStringLiteral("overlay.resetToIdle"),
-                                                               QStringLiteral("menuBar.stopAnimating")};
-        QCOMPARE(rig.journal.take(), expected);
-        QVERIFY(mark.messages().contains(QStringLiteral("dictation: final text length=11")));
-        QCOMPARE(rig.mode(), Mode::idle);
-    }
-
-    void holdChordReleaseThenTapEnds()
-    {
-        Rig rig;
-        rig.fire(QStringLiteral("key down"));
-        rig.fire(QStringLiteral("chord"));
-        rig.fire(QStringLiteral("key up"));  // swallowed: the dictation goes on hands-free
-        QCOMPARE(rig.mode(), Mode::toggle);
-        QVERIFY(rig.audio.running);
-        QVERIFY(!rig.journal.calls.contains(QStringLiteral("transcriber.finish")));
-        rig.tap();
-        QCOMPARE(rig.mode(), Mode::idle);
-        QCOMPARE(rig.journal.calls.count(QStringLiteral("transcriber.finish")), 1);
-        QCOMPARE(rig.journal.calls.count(QStringLiteral("transcriber.start")), 1);
-    }
-
-    void chordFromIdleWhileKeyStillHeldEndsOnRelease()
-    {
-        // The key-down started nothing (the previous dictation was finishing), so the chord starts
-        // a hands-free dictation and the release of the key ends it at once.
-        Rig rig;
-        rig.fire(QStringLiteral("chord"));
-        QCOMPARE(rig.mode(), Mode::toggle);
-        rig.fire(QStringLiteral("key up"));
-        QCOMPARE(rig.mode(), Mode::idle);
-        QCOMPARE(rig.journal.calls.count(QStringLiteral("transcriber.finish")), 1);
-    }
-
-    void staleIgnoreFlagNeverSwallowsALaterRelease_data()
-    {
-        QTest::addColumn<QString>("ending");
-        QTest::newRow("esc") << QStringLiteral("esc");
-        QTest::newRow("chord") << QStringLiteral("chord");
-        QTest::newRow("accept") << QStringLiteral("accept");
-        QTest::newRow("discard") << QStringLiteral("discard");
-        QTest::newRow("any key") << QStringLiteral("any key");
-    }
-    void staleIgnoreFlagNeverSwallowsALaterRelease()
-    {
-        QFETCH(QString, ending);
-        Rig rig;
-        rig.enter(QStringLiteral("toggle, key still held"));
-        QVERIFY(rig.delegate->ignoreNextOptionUp);
-        rig.fire(ending);  // ended while the key is still down
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(!rig.delegate->ignoreNextOptionUp);
-        rig.fire(QStringLiteral("key up"));  // the release of that key: idle, nothing happens
-        // A later hands-free dictation ends with its first tap.
-        rig.fire(QStringLiteral("chord"));
-        QCOMPARE(rig.mode(), Mode::toggle);
-        rig.journal.take();
-        rig.tap();
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(rig.journal.calls.contains(QStringLiteral("transcriber.finish")));
-    }
-
-    void microphoneFailureReturnsToIdleAndClosesTheSession()
-    {
-        Rig rig;
-        rig.audio.failure = QStringLiteral("no microphone");
-        TestSupport::LogMark mark;
-        rig.fire(QStringLiteral("key down"));
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(!rig.overlay.wide);
-        const QStringList expected =
-            startCalls(false) + QStringList{QStringLiteral("audio.stop"), QStringLiteral("overlay.resetToIdle"),
-                                            QStringLiteral("menuBar.stopAnimating"), QStringLiteral("overlay.setMode(false)"),
-                                            QStringLiteral("transcriber.cancel")};
-        QCOMPARE(rig.journal.take(), expected);
-        QVERIFY(mark.messages().contains(QStringLiteral("dictation: start FAILED: no microphone")));
-        QCOMPARE(rig.transcriber.openSessions, 0);
-        // A hands-free start that fails leaves the pill narrow too.
-        rig.fire(QStringLiteral("key up"));
-        rig.fire(QStringLiteral("chord"));
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(!rig.overlay.wide);
-    }
-
-    void transcriberFailureNeverStartsTheMicrophone()
-    {
-        Rig rig;
-        rig.transcriber.startFailure = QStringLiteral("model missing");
-        TestSupport::LogMark mark;
-        rig.fire(QStringLiteral("key down"));
-        QCOMPARE(rig.mode(), Mode::idle);
-        QCOMPARE(rig.journal.take(),
-                 (QStringList{QStringLiteral("overlay.setMode(false)"), QStringLiteral("overlay.show"),
-                              QStringLiteral("transcriber.start"), QStringLiteral("audio.stop"),
-                              QStringLiteral("overlay.resetToIdle"), QStringLiteral("menuBar.stopAnimating"),
-                              QStringLiteral("overlay.setMode(false)")}));
-        QVERIFY(mark.messages().contains(QStringLiteral("dictation: start FAILED: model missing")));
-    }
-
-    void endingWhileTheTranscriberStartsLeavesNothingRunning_data()
-    {
-        QTest::addColumn<QStringList>("events");
-        QTest::newRow("key up") << QStringList{QStringLiteral("key up")};
-        QTest::newRow("esc") << QStringList{QStringLiteral("esc")};
-        QTest::newRow("chord then chord") << QStringList{QStringLiteral("chord"), QStringLiteral("chord")};
-    }
-    void endingWhileTheTranscriberStartsLeavesNothingRunning()
-    {
-        QFETCH(QStringList, events);
-        Rig rig;
-        rig.transcriber.startGate.closed = true;
-        rig.fire(QStringLiteral("key down"));
-        QCOMPARE(rig.mode(), Mode::hold);  // the handler is suspended in the transcriber's start
-        for (const QString& e : events)
-            rig.fire(e);
-        QCOMPARE(rig.mode(), Mode::idle);
-        rig.transcriber.startGate.release();
-        rig.settle();
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(!rig.audio.running);
-        QVERIFY(!rig.journal.calls.contains(QStringLiteral("audio.start")));
-        QCOMPARE(rig.transcriber.openSessions, 0);
-        QVERIFY(!rig.transcriber.inputContinuation());
-        // And the next dictation works normally.
-        rig.journal.take();
-        rig.fire(QStringLiteral("key down"));
-        QCOMPARE(rig.journal.take(), startCalls(false));
-        QVERIFY(rig.audio.running);
-    }
-
-    void eventsDuringFinishingSeeFinishing()
-    {
-        Rig rig;
-        rig.transcriber.finalText = QStringLiteral("kept");
-        rig.enter(QStringLiteral("finishing"));
-        rig.fire(QStringLiteral("esc"));
-        rig.fire(QStringLiteral("key down"));
-        rig.fire(QStringLiteral("chord"));
-        QCOMPARE(rig.mode(), Mode::finishing);
-        QVERIFY(rig.journal.take().isEmpty());
-        rig.transcriber.finishGate.release();
-        rig.settle();
-        QCOMPARE(rig.mode(), Mode::idle);
-        QVERIFY(!rig.journal.calls.contains(QStringLiteral("transcriber.cancel")));
-    }
-
-    void levelsAreClampedAndRoutedInAnyMode()
-    {
-        Rig rig;
-        std::thread audioThread([&] { rig.audio.onAmplitude(1.7f); });
-        audioThread.join();
-        QVERIFY(TestSupport::waitUntil([&] { return rig.overlay.amplitude >= 0; }));
+        // Levels come from the audio thread, clamped, in any mode.
+        std::thread([&] { rig.audio.onAmplitude(1.7f); }).join();
+        QVERIFY(TestSupport::waitUntil([&] { return rig.menuBar.amplitude == 1.0; }));
         QCOMPARE(rig.overlay.amplitude, 1.0);
-        QCOMPARE(rig.menuBar.amplitude, 1.0);
         rig.audio.onAmplitude(-0.25f);
         rig.settle();
         QCOMPARE(rig.overlay.amplitude, 0.0);
-        rig.audio.onAmplitude(0.25f);
-        rig.settle();
-        QCOMPARE(rig.menuBar.amplitude, 0.25);
-    }
 
-    void buffersGoToTheOpenSessionOnly()
-    {
-        Rig rig;
-        AudioBuffer block{{16000, 1}, std::vector<float>(1024, 0.1f)};
-        rig.audio.onBuffer(block);  // no session: dropped
+        // Buffers go to the open session only, straight from the audio thread.
+        const AudioBuffer block{{16000, 1}, std::vector<float>(1024, 0.1f)};
+        rig.audio.onBuffer(block);
         rig.fire(QStringLiteral("key down"));
         const auto input = rig.transcriber.input;
-        QVERIFY(input);
-        std::thread audioThread([&] {
-            for (int i = 0; i < 3; ++i)
-                rig.audio.onBuffer(block);
-        });
-        audioThread.join();
-        QCOMPARE(input->frames, 3 * 1024);
-    }
+        std::thread([&] { rig.audio.onBuffer(block); }).join();
+        QCOMPARE(input->frames, 1024);
 
-    void callbacksDoNothingOnceTheDelegateIsGone()
-    {
-        Rig rig;
+        // Once the controller is gone, its callbacks do nothing.
         rig.delegate.reset();
-        rig.hotkey.onOptionDown();
+        rig.journal.take();
+        rig.hotkey.onOptionUp();
         rig.overlay.onAccept();
         rig.audio.onAmplitude(0.5f);
         rig.transcriber.onPartial(QStringLiteral("a"), QString());
         rig.settle();
         QVERIFY(rig.journal.calls.isEmpty());
+        QCOMPARE(rig.overlay.amplitude, 0.0);
     }
 };
 
