@@ -1,0 +1,300 @@
+// The log, the settings and the history on disk: what a crash, a full disk or a damaged file must not cost.
+#include "storage/Diagnostics.h"
+#include "storage/Preferences.h"
+#include "storage/TranscriptStore.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTest>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+QByteArray readBytes(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+void writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(bytes);
+}
+
+QStringList texts(const QList<TranscriptEntry>& entries)
+{
+    QStringList out;
+    for (const TranscriptEntry& e : entries)
+        out << e.text;
+    return out;
+}
+
+// A history file's texts; "<broken>" for a line not one whole {"ts","text"} object or a missing final line feed.
+QStringList onDisk(const QString& path)
+{
+    const QByteArray bytes = readBytes(path);
+    QStringList out;
+    for (const QByteArray& line : bytes.isEmpty() ? QByteArrayList() : bytes.chopped(bytes.endsWith('\n') ? 1 : 0).split('\n')) {
+        const QJsonObject o = QJsonDocument::fromJson(line).object();
+        const bool whole = o.size() == 2 && o.value(QLatin1String("ts")).isString() && o.value(QLatin1String("text")).isString();
+        out << (whole && bytes.endsWith('\n') ? o.value(QLatin1String("text")).toString() : QStringLiteral("<broken>"));
+    }
+    return out;
+}
+
+QString everySetting()
+{
+    const Preferences& p = Preferences::shared();
+    using Diagnostics::boolText;
+    return QStringList{boolText(p.historyEnabled()), CleanupModes::rawValue(p.cleanupMode()), boolText(p.showDockIcon()),
+                       ActivationKeys::rawValue(p.activationKey()), p.localeIdentifier(), boolText(p.liveTyping()),
+                       boolText(p.autoReturn()), boolText(p.value(Settings::llmAllowRemote)), p.value(Settings::llmEndpoint)}
+        .join(QLatin1Char(' '));
+}
+
+QByteArray storeBytes() { return readBytes(Preferences::shared().storePath()); }
+}  // namespace
+
+class StorageTest : public QObject {
+    Q_OBJECT
+    QString path_;  // each case's own history file
+
+private Q_SLOTS:
+    void init()
+    {
+        QFile::remove(Preferences::shared().storePath());
+        QFile::remove(Preferences::autostartFilePath());
+        path_ = qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + QStringLiteral("/case/transcripts.jsonl");
+        QDir(QFileInfo(path_).absolutePath()).removeRecursively();
+        QVERIFY(QDir().mkpath(QFileInfo(path_).absolutePath()));
+    }
+
+    // Runs first, so the first line must create the Tolvane folder. Lines of two threads stay whole and in order.
+    void logLinesAreWholeAndInOrder()
+    {
+        const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Tolvane");
+        QVERIFY(!QFileInfo::exists(dir));
+        Diagnostics::log(QStringLiteral("x"), "/a/b.c/Name.tar.cpp", 3);  // source: file name without extension
+        const int line = __LINE__ + 2;
+        auto writer = [](QChar tag) {
+            for (int i = 0; i < 2000; ++i) Diagnostics::log(QStringLiteral("thread %1 line %2 ").arg(tag).arg(i) + QString(60, tag));
+        };
+        std::thread a(writer, QLatin1Char('a'));
+        writer(QLatin1Char('b'));
+        a.join();
+        Diagnostics::flush();
+        const QStringList lines = QString::fromUtf8(readBytes(dir + QStringLiteral("/diagnostic.log"))).split(QLatin1Char('\n'));
+        QCOMPARE(lines.size(), 4002);  // the last one empty: every line ends with a line feed
+        QVERIFY2(lines.first().endsWith(QStringLiteral("Z [Name.tar:3] x")), qPrintable(lines.first()));
+        const QRegularExpression whole(QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z \[StorageTest:%1\] )"
+                                                      R"(thread ([ab]) line (\d+) (a{60}|b{60})$)").arg(line));
+        int next[2] = {0, 0};
+        for (const QString& l : lines.mid(1, 4000)) {
+            const auto m = whole.match(l);
+            QVERIFY2(m.hasMatch() && m.captured(3).at(0) == m.captured(1).at(0), qPrintable(l));
+            QCOMPARE(m.captured(2).toInt(), next[m.captured(1) == QLatin1String("b")]++);
+        }
+    }
+
+    void retentionClampsOnRead_data()
+    {
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<int>("read");
+        QTest::newRow("zero") << QByteArray("0") << 1;
+        QTest::newRow("250") << QByteArray("250") << 100;
+        QTest::newRow("in range") << QByteArray("42") << 42;
+        QTest::newRow("not a number") << QByteArray("many") << 10;
+    }
+    void retentionClampsOnRead()
+    {
+        QFETCH(QByteArray, stored);
+        QFETCH(int, read);
+        writeBytes(Preferences::shared().storePath(), "[General]\nhistoryRetention=" + stored + "\n");
+        QCOMPARE(Preferences::shared().historyRetention(), read);
+    }
+
+    // Writes are clamped and stored at once, as the raw values other programs (and later versions) read.
+    void writesAreStoredAtOnceAsRawValues()
+    {
+        Preferences& p = Preferences::shared();
+        QSignalSpy locale(&p, &Preferences::localeChanged), key(&p, &Preferences::activationKeyChanged);
+        p.setLocaleIdentifier(QStringLiteral("en-US"));  // already in effect on an empty store: no write
+        QVERIFY(!storeBytes().contains("locale"));
+        p.setLocaleIdentifier(QStringLiteral("de-DE"));
+        p.setLocaleIdentifier(QStringLiteral("de-DE"));
+        p.setActivationKey(ActivationKey::rightControl);
+        p.setActivationKey(ActivationKey::rightControl);  // signals on every write all the same
+        p.setHistoryRetention(101);
+        p.setCleanupMode(CleanupMode::raw);
+        QCOMPARE(p.cleanupMode(), CleanupMode::raw);
+        const QByteArray ini = storeBytes();
+        QVERIFY2(ini.contains("locale=de-DE") && ini.contains("historyRetention=100") && ini.contains("cleanupMode=raw")
+                     && ini.contains("activationKey=rightControl"), ini.constData());
+        QCOMPARE((QList<qsizetype>{locale.count(), key.count()}), (QList<qsizetype>{1, 2}));
+    }
+
+    // A damaged store reads exactly as an empty one and stays byte for byte as it was.
+    void damagedSettingsReadAsDefaultsAndAreNotRewritten()
+    {
+        const QString defaults = everySetting();
+        const QByteArray garbage = "[General]\nhistoryEnabled=perhaps\nshowDockIcon=7\ncleanupMode=Tidy\nactivationKey=leftAlt\n"
+                                   "liveTyping=yes\nlocale=@Variant(\\0\\0\\0\\x2\\0\\0\\0\\x5)\nautoReturn=1\nllmAllowRemote=1\n"
+                                   "llmEndpoint=@Variant(\\0\\0\\0\\x2\\0\\0\\0\\x5)\n";
+        writeBytes(Preferences::shared().storePath(), garbage);
+        QCOMPARE(everySetting(), defaults);  // raw values match exactly, case included
+        QCOMPARE(storeBytes(), garbage);
+    }
+
+    void startAtLoginIsTheAutostartEntry()
+    {
+        Preferences& p = Preferences::shared();
+        const QString entry = Preferences::autostartFilePath();
+        const TestSupport::LogMark mark;
+        p.setStartAtLogin(true);
+        QVERIFY(p.startAtLogin());
+        p.setStartAtLogin(false);
+        QVERIFY(!QFile::exists(entry) && !p.startAtLogin());
+        writeBytes(entry, "[Desktop Entry]\nHidden=true\n");  // switched off by the desktop without deleting it
+        QVERIFY(!p.startAtLogin());
+        // The autostart folder's place is taken by a file, so the entry cannot be written.
+        QDir(QFileInfo(entry).absolutePath()).removeRecursively();
+        writeBytes(QFileInfo(entry).absolutePath(), "in the way");
+        p.setStartAtLogin(true);
+        QVERIFY(!p.startAtLogin());
+        QStringList logged = mark.messages();
+        QVERIFY(logged.size() == 3 && logged.takeLast().startsWith(QStringLiteral("prefs: startAtLogin toggle failed: ")));
+        QCOMPARE(logged, (QStringList{QStringLiteral("prefs: startAtLogin = true"), QStringLiteral("prefs: startAtLogin = false")}));
+    }
+
+    // A longer file loads whole, the next append trims it; a restart reads back what was written; off changes nothing.
+    void historyKeepsTheNewestWithTimesAndText()
+    {
+        Preferences::shared().setHistoryRetention(3);
+        writeBytes(path_, R"({"ts":"x","text":"old1"})" "\n" R"({"ts":"x","text":"old2"})" "\n" R"({"ts":"x","text":"old3"})" "\n"
+                          R"({"ts":"x","text":"old4"})" "\n");
+        const QString text = QStringLiteral("line\nbreak\r\n\t\"quoted\" \\ café ☕");
+        const QDateTime before = QDateTime::currentDateTimeUtc().addMSecs(-1);
+        TranscriptStore store(path_);
+        QCOMPARE(store.entries().size(), 4);
+        QSignalSpy changed(&store, &TranscriptStore::entriesChanged);
+        store.append(QStringLiteral("new"));
+        store.append(text);
+        store.waitForWrites();
+        QCOMPARE(onDisk(path_), (QStringList{QStringLiteral("old4"), QStringLiteral("new"), text}));
+        const QList<TranscriptEntry> written = store.entries(), again = TranscriptStore(path_).entries();
+        QCOMPARE(texts(again), texts(written));
+        for (int i = 1; i < 3; ++i) {
+            const QString& ts = again.at(i).timestamp;
+            const QDateTime stamp = QDateTime::fromString(ts, Qt::ISODateWithMs);
+            QVERIFY2(ts == written.at(i).timestamp && ts.endsWith(QLatin1Char('Z')) && stamp >= before && stamp <= QDateTime::currentDateTimeUtc(),
+                     qPrintable(ts));
+            QVERIFY(again.at(i).id != written.at(i).id && written.at(i).id != written.at(i - 1).id);  // ids are per process
+        }
+        const QByteArray bytes = readBytes(path_);
+        Preferences::shared().setHistoryEnabled(false);
+        store.append(QStringLiteral("secret"));
+        store.waitForWrites();
+        QCOMPARE(readBytes(path_), bytes);
+        QCOMPARE(texts(store.entries()), texts(written));
+        QCOMPARE(changed.count(), 2);
+    }
+
+    // Damaged lines are skipped; a file that is not UTF-8 at all is not ours and starts afresh.
+    void damagedHistoryKeepsWhatIsReadable_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QStringList>("read");
+        QTest::newRow("bad lines") << QByteArray("{\"ts\":\"1\",\"text\":\"first\"}\n\njust words\n{\"ts\":\"2\",\"text\":42}\n{\"ts\":\"3\"}\n"
+                                                 "[\"ts\",\"text\"]\n{\"ts\":\"4\",\"text\":\"extra\",\"speaker\":\"ana\"}\n"
+                                                 "{\"ts\":\"5\",\"text\":\"bad\",\"n\":1}\n{\"ts\":\"6\",\"text\":\"cut off\n"
+                                                 "{\"text\":\"last\",\"ts\":\"7\"}")  // no final line feed
+                                   << QStringList{QStringLiteral("first"), QStringLiteral("extra"), QStringLiteral("last")};
+        QTest::newRow("Latin-1") << QByteArray("{\"ts\":\"1\",\"text\":\"caf\xe9\"}\n") << QStringList();
+    }
+    void damagedHistoryKeepsWhatIsReadable()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QStringList, read);
+        writeBytes(path_, bytes);
+        QCOMPARE(texts(TranscriptStore(path_).entries()), read);
+        QCOMPARE(readBytes(path_), bytes);  // reading never rewrites it
+    }
+
+    // The file is only ever replaced whole: a write that fails half-way (disk full) leaves the previous one.
+    void failedWritesKeepThePreviousFile()
+    {
+        TranscriptStore store(path_);
+        for (int i = 0; i < 3; ++i)
+            store.append(QString(5000, QLatin1Char('x')));  // big writes still queued behind each other
+        store.clear();
+        store.append(QStringLiteral("one"));
+        store.waitForWrites();
+        QCOMPARE(onDisk(path_), QStringList{QStringLiteral("one")});  // clear kept its place in the queue
+        rlimit saved{};
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, saved.rlim_max};
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+        store.append(QString(20000, QLatin1Char('z')));
+        store.waitForWrites();
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, oldHandler);
+        QCOMPARE(onDisk(path_), QStringList{QStringLiteral("one")});
+        QCOMPARE(QDir(QFileInfo(path_).absolutePath()).entryList(QDir::Files), QStringList{QStringLiteral("transcripts.jsonl")});
+        QCOMPARE(store.entries().size(), 2);
+        // A regular file where the folder should be: nothing can be written there, not even by root.
+        TranscriptStore blocked(path_ + QStringLiteral("/transcripts.jsonl"));
+        blocked.append(QStringLiteral("still here"));
+        blocked.waitForWrites();
+        QCOMPARE(texts(blocked.entries()), QStringList{QStringLiteral("still here")});
+        QCOMPARE(onDisk(path_), QStringList{QStringLiteral("one")});
+        store.clear();
+        store.waitForWrites();
+        QVERIFY(QFile::exists(path_) && readBytes(path_).isEmpty() && store.entries().isEmpty());
+    }
+
+    void killedWriterNeverLeavesAPartialFile()
+    {
+        Preferences::shared().setHistoryRetention(100);
+        qsizetype previous = 0;
+        for (int round = 0; round < 6 && previous < 100; ++round) {
+            QProcess writer;
+            writer.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write-history"), path_});
+            // Wait for at least one more write, then kill at some moment inside the next ones.
+            QVERIFY(QTest::qWaitFor([&] { return readBytes(path_).count('\n') > previous; }, 10000));
+            QTest::qWait(static_cast<int>(QRandomGenerator::global()->bounded(5, 60)));
+            writer.kill();
+            QVERIFY(writer.waitForFinished());
+            const QStringList records = onDisk(path_);
+            QVERIFY2(!records.contains(QStringLiteral("<broken>")) && records.size() > previous, qPrintable(QStringLiteral("round %1").arg(round)));
+            previous = records.size();
+        }
+    }
+};
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (argc == 3 && qstrcmp(argv[1], "--write-history") == 0) {  // the kill test's victim: appends as fast as it can
+        TranscriptStore store(QString::fromLocal8Bit(argv[2]));
+        for (int i = 0; i < 100000; ++i, store.waitForWrites())
+            store.append(QString(200000, QLatin1Char('a' + i % 26)));
+        return 0;
+    }
+    StorageTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "StorageTest.moc"
