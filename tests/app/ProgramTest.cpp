@@ -1,51 +1,157 @@
-// The tolvane program's command line as a user meets it, run as a black box.
+// The tolvane program as a user meets it from a shell, run as a black box without a display.
+#include "speech/TranscriberController.h"
+#include "storage/Preferences.h"
+#include "support/FakeLlmServer.h"
+#include "support/Speech.h"
 #include "support/TestSupport.h"
+#include "text/CleanupEngine.h"
 
+#include <QJsonArray>
+#include <QTemporaryDir>
 #include <QTest>
 
 using TestSupport::ProgramRun;
 
+namespace {
+
+ProgramRun tolvane(const QStringList& args, const QByteArray& input = {}, const QString& display = {})
+{
+    QStringList unset{QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("WAYLAND_DISPLAY")};
+    QMap<QString, QString> set;
+    if (display.isEmpty())
+        unset << QStringLiteral("DISPLAY");
+    else
+        set.insert(QStringLiteral("DISPLAY"), display);
+    return TestSupport::runTolvane({.arguments = args, .input = input, .set = set, .unset = unset, .timeoutMs = 120000});
+}
+
+// What the engine hears from the same speech handed to it directly, at its own rate.
+QString transcribeDirectly(const std::vector<float>& samples)
+{
+    TranscriberController controller;
+    TestSupport::await(controller.prepare(QStringLiteral("en-US")));
+    TestSupport::await(controller.start());
+    const auto input = controller.inputContinuation();
+    for (size_t at = 0; at < samples.size(); at += 341) {
+        const auto from = samples.begin() + static_cast<std::ptrdiff_t>(at);
+        input->yield(AudioBuffer{{16000, 1}, std::vector<float>(from, from + std::min<std::ptrdiff_t>(341, samples.end() - from))});
+    }
+    return TestSupport::await(controller.finish());
+}
+
+}  // namespace
+
 class ProgramTest : public QObject {
     Q_OBJECT
+    QTemporaryDir dir_;
+    QString speechWav_;          // 48 kHz stereo
+    std::vector<float> speech_;  // the same speech at 16 kHz mono
+
 private Q_SLOTS:
-    void helpAndVersion()
+    void initTestCase()
     {
-        const ProgramRun help = TestSupport::runTolvane({.arguments = {QStringLiteral("--help")}});
-        QCOMPARE(help.exitCode, 0);
-        QVERIFY(help.out.startsWith(QStringLiteral("Usage: tolvane")));
-        QVERIFY(help.out.contains(QStringLiteral("--transcribe FILE")));
-        const ProgramRun version = TestSupport::runTolvane({.arguments = {QStringLiteral("--version")}});
-        QCOMPARE(version.exitCode, 0);
-        QCOMPARE(version.out, QStringLiteral("Tolvane " TOLVANE_VERSION "\n"));
+        speechWav_ = dir_.filePath(QStringLiteral("speech-48k-stereo.wav"));
+        speech_ = SpeechTest::synthesize(QStringLiteral("remind me to call the dentist tomorrow morning at nine"), speechWav_, 48000, 2);
+        QVERIFY2(!speech_.empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
     }
 
-    void unknownOptionIsAUsageError()
+    void answersAndRefusals_data()
     {
-        const ProgramRun r = TestSupport::runTolvane({.arguments = {QStringLiteral("--frobnicate")}});
-        QCOMPARE(r.exitCode, 2);
-        QCOMPARE(r.err, QStringLiteral("tolvane: unknown option --frobnicate (try --help)\n"));
-    }
-
-    void withoutADisplayItSaysSoInOneLine_data()
-    {
+        QTest::addColumn<QStringList>("args");
         QTest::addColumn<QString>("display");
-        QTest::newRow("no DISPLAY") << QString();
-        QTest::newRow("display that does not answer") << QStringLiteral(":4093");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("out");  // how standard output starts
+        QTest::addColumn<QString>("err");  // how the one line on standard error starts
+        auto row = [](const char* name, const QStringList& args, int code, const QString& out, const QString& err,
+                      const QString& display = {}) { QTest::newRow(name) << args << display << code << out << err; };
+        const QString elsewhere = QStringLiteral("; to transcribe a sound file instead, run: tolvane --transcribe FILE\n"),
+                      missing = dir_.filePath(QStringLiteral("missing.wav"));
+        row("help", {"--help"}, 0, "Usage: tolvane [option]\n", {});
+        row("version", {"--version"}, 0, "Tolvane " TOLVANE_VERSION "\n", {});
+        row("unknown option", {"--frobnicate"}, 2, {}, "tolvane: unknown option --frobnicate (try --help)\n");
+        row("no sound file", {"--transcribe", "--partials"}, 2, {}, "tolvane: --transcribe needs a sound file\n");
+        row("no language", {"--transcribe", "a.wav", "--locale"}, 2, {}, "tolvane: --locale needs a language such as en-US\n");
+        row("no cleanup mode", {"--cleanup"}, 2, {}, "tolvane: --cleanup needs a mode: raw, tidy, bullets or summary\n");
+        row("unknown cleanup mode", {"--cleanup", "shout"}, 2, {},
+            "tolvane: unknown cleanup mode “shout”; use raw, tidy, bullets or summary\n");
+        row("no display", {}, 1, {}, "tolvane: no graphical session (DISPLAY is not set)" + elsewhere);
+        row("display that does not answer", {}, 1, {}, "tolvane: cannot open the display :4093" + elsewhere, ":4093");
+        row("missing sound file", {"--transcribe", missing}, 1, {},
+            QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(missing));
+        row("not a sound file", {"--transcribe", TestSupport::tolvaneBinary()}, 1, {}, "tolvane: Cannot read the audio file");
+        row("unsupported language", {"--transcribe", speechWav_, "--locale", "xx-XX"}, 1, {},
+            "tolvane: Locale xx-XX is not supported by the on-device SpeechTranscriber.\n");
     }
-    void withoutADisplayItSaysSoInOneLine()
+    void answersAndRefusals()
     {
+        QFETCH(QStringList, args);
         QFETCH(QString, display);
-        QMap<QString, QString> env;
-        QStringList unset{QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("WAYLAND_DISPLAY")};
-        if (display.isEmpty())
-            unset << QStringLiteral("DISPLAY");
-        else
-            env.insert(QStringLiteral("DISPLAY"), display);
-        const ProgramRun r = TestSupport::runTolvane({.set = env, .unset = unset});
-        QCOMPARE(r.exitCode, 1);
-        QCOMPARE(r.err.count(QLatin1Char('\n')), 1);
-        QVERIFY2(r.err.startsWith(QStringLiteral("tolvane: ")), qPrintable(r.err));
-        QVERIFY2(r.err.contains(QStringLiteral("tolvane --transcribe FILE")), qPrintable(r.err));
+        QFETCH(int, code);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        const ProgramRun run = tolvane(args, {}, display);
+        QCOMPARE(run.exitCode, code);
+        QVERIFY2(out.isEmpty() ? run.out.isEmpty() : run.out.startsWith(out), qPrintable(run.out));
+        QVERIFY2(err.isEmpty() ? run.err.isEmpty() : run.err.startsWith(err) && run.err.count(QLatin1Char('\n')) == 1,
+                 qPrintable(run.err));
+    }
+
+    void transcribesASoundFileAtAnyRate()
+    {
+        const ProgramRun run = tolvane({QStringLiteral("--transcribe"), speechWav_, QStringLiteral("--partials"),
+                                        QStringLiteral("--locale"), QStringLiteral("en-us")});
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.err, QString());
+        const QStringList out = run.outLines();
+        QVERIFY(out.size() >= 2);
+        for (qsizetype i = 0; i + 1 < out.size(); ++i)
+            QVERIFY2(out[i].startsWith(QLatin1String("partial: ")), qPrintable(out[i]));
+        // The last partial is the committed text, which is the transcript.
+        QCOMPARE(out[out.size() - 2], QStringLiteral("partial: ") + out.last());
+        const QStringList direct = SpeechTest::words(transcribeDirectly(speech_));
+        QVERIFY(direct.size() >= 6);
+        QCOMPARE(SpeechTest::words(out.last()), direct);
+    }
+
+    void cleansUpStandardInput_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<bool>("serverUp");
+        QTest::addColumn<QString>("out");
+        QTest::addColumn<QString>("err");  // found on standard error
+        QTest::newRow("bullets") << "bullets" << QByteArray("um café at nine, uh, and bring notes\n") << true
+                                 << "- Café at 9 ☕\n- Bring notes\n" << "cleanup: mode=bullets in=36 out=27";
+        QTest::newRow("raw, byte for byte") << "raw" << QByteArray("  two\r\nlines, no final line feed") << true
+                                            << "  two\r\nlines, no final line feed" << QString();
+        QTest::newRow("no model, unchanged") << "tidy" << QByteArray("keep every word\nas said\n") << false
+                                             << "keep every word\nas said\n"
+                                             << "tolvane: no language model available, printing the text unchanged: ";
+    }
+    void cleansUpStandardInput()
+    {
+        QFETCH(QString, mode);
+        QFETCH(QByteArray, input);
+        QFETCH(bool, serverUp);
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        FakeLlmServer server;
+        QVERIFY(server.listen());
+        server.configureCleanup();
+        server.chat = [](const QJsonObject&) {
+            return FakeLlmServer::answer(QStringLiteral("<<<BEGIN TEXT>>>\n- Café at 9 ☕\n- Bring notes\n<<<END TEXT>>>"));
+        };
+        if (!serverUp)
+            Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
+        const ProgramRun run = tolvane({QStringLiteral("--cleanup"), mode}, input);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, out);
+        QVERIFY2(run.err.contains(err), qPrintable(run.err));
+        QCOMPARE(server.chatRequests().size(), mode == QLatin1String("bullets") ? 1 : 0);
+        // The terminal's final line feed is not part of the text the model sees.
+        if (!server.chatRequests().isEmpty())
+            QCOMPARE(server.chatRequests().first().json()[QLatin1String("messages")].toArray().at(1)[QLatin1String("content")].toString(),
+                     CleanupEngine::prompt(QString::fromUtf8(input).chopped(1)));
     }
 };
 
