@@ -1,9 +1,9 @@
 // The Settings panes driven as a user drives them: clicks on their buttons and switches, text typed
 // into their fields, keys pressed on the X server while they are shown.
+#include "UiTest.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
 #include "support/RecordingClient.h"
-#include "support/TestSupport.h"
 #include "text/SnippetStore.h"
 #include "ui/GeneralPane.h"
 #include "ui/HistoryPane.h"
@@ -16,69 +16,24 @@
 #include <QClipboard>
 #include <QComboBox>
 #include <QLabel>
-#include <QLineEdit>
 #include <QMessageBox>
 #include <QSignalSpy>
-#include <QTest>
 #include <QTimer>
 #include <QToolButton>
 
 #include <X11/keysym.h>
 #include <qcoro/qcorotimer.h>
 
-using TestSupport::waitUntil;
-
 namespace {
 
-template <typename T = QWidget>
-T* child(const QWidget* parent, const char* name)
-{
-    T* found = parent->findChild<T*>(QLatin1String(name));
-    if (!found)
-        qFatal("no %s", name);
-    return found;
-}
-
-template <typename T = QWidget>
-QList<T*> shown(const QWidget* parent, const char* name)
-{
-    QList<T*> out;
-    for (T* w : parent->findChildren<T*>(QLatin1String(name)))
-        if (w->isVisibleTo(parent))
-            out << w;
-    return out;
-}
-
-void click(QWidget* w) { QTest::mouseClick(w, Qt::LeftButton); }
-
-void typeInto(QLineEdit* field, const QString& text)
-{
-    field->setFocus();
-    field->selectAll();
-    QTest::keyClicks(field, text);
-}
-
-QStringList triggers(const QList<Snippet>& list)
-{
-    QStringList out;
-    for (const Snippet& s : list)
-        out << s.trigger;
-    return out;
-}
-
 // Clicks "Clear History…" and answers its confirmation with the button named `answer`.
-bool clearHistoryAnswering(QWidget* pane, const QString& answer)
+void clearHistoryAnswering(QWidget* pane, const char* answer)
 {
-    click(child<QToolButton>(pane, "clearHistoryButton"));
-    QMessageBox* box = nullptr;
-    if (!waitUntil([&] { return (box = pane->findChild<QMessageBox*>(QStringLiteral("clearConfirmation"))) && box->isVisible(); }))
-        return false;
-    for (QAbstractButton* b : box->buttons())
-        if (b->text() == answer) {
+    click(child(pane, "clearHistoryButton"));
+    for (QAbstractButton* b : child<QMessageBox>(pane, "clearConfirmation")->buttons())
+        if (b->text() == QLatin1String(answer))
             click(b);
-            return waitUntil([&] { return !pane->findChild<QMessageBox*>(QStringLiteral("clearConfirmation")); });
-        }
-    return false;
+    QVERIFY(waitUntil([&] { return !child(pane, "clearConfirmation"); }));
 }
 
 TranscriptEntry entry(const char* timestamp, const char* text)
@@ -86,19 +41,19 @@ TranscriptEntry entry(const char* timestamp, const char* text)
     return {QUuid::createUuid(), QString::fromLatin1(timestamp), QString::fromUtf8(text)};
 }
 
+QStringList replacements()
+{
+    QStringList out;
+    for (const Snippet& s : SnippetStore::load())
+        out << s.trigger + QStringLiteral(" → ") + s.replacement;
+    return out;
+}
+
 }  // namespace
 
 class PanesTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void init()
-    {
-        Preferences::shared().remove(QStringLiteral("snippets"));
-        Preferences::shared().setHistoryRetention(10);
-        Preferences::shared().setLiveTyping(false);
-        Preferences::shared().setActivationKey(ActivationKey::leftOption);
-    }
-
     void snippetsAreAddedAndDeletedAtOnce()
     {
         SnippetsPane pane;
@@ -112,7 +67,7 @@ private Q_SLOTS:
         typeInto(replacement, QStringLiteral("me@example.com"));
         click(child(&pane, "addSnippetButton"));
         QTest::keyClick(replacement, Qt::Key_Return);
-        QVERIFY(SnippetStore::load().isEmpty());
+        QVERIFY(replacements().isEmpty());
         QCOMPARE(replacement->text(), QStringLiteral("me@example.com"));
 
         // Trimmed, saved, the fields emptied; the same trigger twice is allowed.
@@ -122,16 +77,15 @@ private Q_SLOTS:
             click(child(&pane, "addSnippetButton"));
             QVERIFY(trigger->text().isEmpty() && replacement->text().isEmpty());
         }
-        QCOMPARE(triggers(SnippetStore::load()), (QStringList{QStringLiteral("Work Email"), QStringLiteral("Work Email")}));
-        QCOMPARE(SnippetStore::load().last().replacement, QStringLiteral("other@example.com"));
+        QCOMPARE(replacements(), (QStringList{QStringLiteral("Work Email → me@example.com"),
+                                              QStringLiteral("Work Email → other@example.com")}));
         QCOMPARE(shown(&pane, "snippetRow").size(), 2);
         QVERIFY(shown(&pane, "emptySnippetsText").isEmpty());
 
         click(shown(&pane, "deleteSnippetButton").first());
-        QCOMPARE(SnippetStore::load().size(), 1);
-        QCOMPARE(SnippetStore::load().first().replacement, QStringLiteral("other@example.com"));
+        QCOMPARE(replacements(), QStringList{QStringLiteral("Work Email → other@example.com")});
         click(shown(&pane, "deleteSnippetButton").first());
-        QVERIFY(SnippetStore::load().isEmpty());
+        QVERIFY(replacements().isEmpty());
         QCOMPARE(shown(&pane, "emptySnippetsText").size(), 1);
     }
 
@@ -162,17 +116,11 @@ private Q_SLOTS:
         QVERIFY(dates.last()->text().contains(QStringLiteral("2026")) && !dates.last()->text().contains(u'T'));
 
         // Copy puts the text on the clipboard and moves the mark to the button clicked.
-        const auto marks = [&] {
-            QStringList out;
-            for (QToolButton* b : shown<QToolButton>(&pane, "copyButton"))
-                out << b->text();
-            return out;
-        };
         for (int i : {0, 1}) {
             click(shown(&pane, "copyButton")[i]);
             QCOMPARE(QGuiApplication::clipboard()->text(), QLatin1String(i == 0 ? "newer" : "older"));
-            QCOMPARE(marks(), (i == 0 ? QStringList{QStringLiteral("Copied"), QStringLiteral("Copy")}
-                                      : QStringList{QStringLiteral("Copy"), QStringLiteral("Copied")}));
+            const auto buttons = shown<QToolButton>(&pane, "copyButton");
+            QVERIFY(buttons[i]->text() == QLatin1String("Copied") && buttons[1 - i]->text() == QLatin1String("Copy"));
         }
 
         // A transcript saved meanwhile shows up only after Refresh.
@@ -181,10 +129,10 @@ private Q_SLOTS:
         click(child(&pane, "refreshButton"));
         QCOMPARE(pane.entries().first().text, QStringLiteral("newest"));
 
-        QVERIFY(clearHistoryAnswering(&pane, QStringLiteral("Cancel")));
+        clearHistoryAnswering(&pane, "Cancel");
         QCOMPARE(clears, 0);
         QCOMPARE(pane.entries().size(), 3);
-        QVERIFY(clearHistoryAnswering(&pane, QStringLiteral("Delete All")));
+        clearHistoryAnswering(&pane, "Delete All");
         QCOMPARE(clears, 1);
         QCOMPARE(shown(&pane, "emptyHistoryText").size(), 1);
     }
@@ -255,33 +203,14 @@ private Q_SLOTS:
     void generalPaneControlsSaveAndExplainThemselves()
     {
         Preferences::shared().setCleanupMode(CleanupMode::bullets);
-        GeneralPane pane({}, {});
-        pane.show();
-        auto* caption = child<QLabel>(&pane, "cleanupCaption");
-        auto* picker = child(&pane, "cleanupPicker");
-        // Live typing skips cleanup: the picker is off while it is on.
-        for (const bool live : {true, false}) {
-            click(child(&pane, "liveTypingSwitch"));
-            QCOMPARE(Preferences::shared().liveTyping(), live);
-            QCOMPARE(picker->isEnabled(), !live);
-            QCOMPARE(caption->text() == CleanupModes::description(CleanupMode::bullets), !live);
-        }
-
-        // The next activation key: saved, announced, and followed by the how-to line and the tester.
-        QSignalSpy keyChanged(&Preferences::shared(), &Preferences::activationKeyChanged);
-        auto* keyPicker = child(&pane, "activationKeyPicker");
-        keyPicker->setFocus();
-        QTest::keyClick(keyPicker, Qt::Key_Down);
-        QCOMPARE(Preferences::shared().activationKey(), ActivationKey::rightOption);
-        QCOMPARE(keyChanged.size(), 1);
-        QVERIFY(child<QLabel>(&pane, "howToKeyLine")->text().contains(QStringLiteral("Right Alt")));
-        QCOMPARE(pane.findChild<HotkeyTester*>()->key(), ActivationKey::rightOption);
-    }
-
-    void languageListLoadsWithoutBlocking()
-    {
         Preferences::shared().setLocaleIdentifier(QStringLiteral("xx-YY"));
+        Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
+        FakeLlmServer server;
+        QVERIFY(server.listen());
+        server.models = {QStringLiteral("tiny-model")};
+        CleanupEngine engine;
         SettingsServices services;
+        services.cleanupAvailability = [&engine] { return engine.checkAvailability(); };
         services.supportedLocales = []() -> QCoro::Task<QStringList> {
             QTimer timer;
             timer.start(100);
@@ -290,37 +219,42 @@ private Q_SLOTS:
         };
         GeneralPane pane({}, services);
         pane.show();
-        auto* picker = child<QComboBox>(&pane, "languagePicker");
-        QCOMPARE(picker->count(), 1);  // shown at once, with the current language only
-        QVERIFY(waitUntil([&] { return picker->count() == 3; }));
-        QCOMPARE(picker->itemText(0), QStringLiteral("xx-YY"));  // no name known: the identifier
-        QCOMPARE(picker->itemText(2), GeneralPane::localeDisplayName(QStringLiteral("de-DE")));
-        QSignalSpy localeChanged(&Preferences::shared(), &Preferences::localeChanged);
-        picker->setFocus();
-        QTest::keyClick(picker, Qt::Key_Down);
-        QCOMPARE(Preferences::shared().localeIdentifier(), QStringLiteral("en-US"));
-        QCOMPARE(localeChanged.size(), 1);
-    }
 
-    void cleanupModelStatusFollowsTheFields()
-    {
-        FakeLlmServer server;
-        QVERIFY(server.listen());
-        server.models = {QStringLiteral("tiny-model")};
-        Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
-        CleanupEngine engine;
-        SettingsServices services;
-        services.cleanupAvailability = [&engine] { return engine.checkAvailability(); };
-        GeneralPane pane({}, services);
-        pane.show();
+        // The language list is shown at once with the current language only, the others follow.
+        auto* languages = child<QComboBox>(&pane, "languagePicker");
+        QCOMPARE(languages->count(), 1);
+        QVERIFY(waitUntil([&] { return languages->count() == 3; }));
+        QCOMPARE(languages->itemText(0), QStringLiteral("xx-YY"));  // no name known: the identifier
+        QCOMPARE(languages->itemText(2), GeneralPane::localeDisplayName(QStringLiteral("de-DE")));
+
+        // Pickers save at once and announce the change; the how-to line and the tester follow the key.
+        QSignalSpy localeChanged(&Preferences::shared(), &Preferences::localeChanged);
+        QSignalSpy keyChanged(&Preferences::shared(), &Preferences::activationKeyChanged);
+        for (const char* picker : {"languagePicker", "activationKeyPicker"}) {
+            child(&pane, picker)->setFocus();
+            QTest::keyClick(child(&pane, picker), Qt::Key_Down);
+        }
+        QCOMPARE(Preferences::shared().localeIdentifier(), QStringLiteral("en-US"));
+        QCOMPARE(Preferences::shared().activationKey(), ActivationKey::rightOption);
+        QVERIFY(localeChanged.size() == 1 && keyChanged.size() == 1);
+        QVERIFY(child<QLabel>(&pane, "howToKeyLine")->text().contains(QStringLiteral("Right Alt")));
+        QCOMPARE(pane.findChild<HotkeyTester*>()->key(), ActivationKey::rightOption);
+
+        // Live typing skips cleanup: the picker is off while it is on.
+        for (const bool live : {true, false}) {
+            click(child(&pane, "liveTypingSwitch"));
+            QCOMPARE(Preferences::shared().liveTyping(), live);
+            QCOMPARE(child(&pane, "cleanupPicker")->isEnabled(), !live);
+            QCOMPARE(child<QLabel>(&pane, "cleanupCaption")->text() == CleanupModes::description(CleanupMode::bullets), !live);
+        }
+
+        // The model's status line follows the endpoint and model fields by itself.
         auto* status = child<QLabel>(&pane, "cleanupModelStatus");
         const auto says = [&](const char* start) {
             return waitUntil([&] { return status->text().startsWith(QLatin1String(start)); }, 15000);
         };
         QVERIFY(says("Not available"));
         QVERIFY2(status->text().endsWith(QStringLiteral("Cleanup keeps the raw text.")), qPrintable(status->text()));
-
-        // Typing the running server's address is enough: the line follows by itself.
         typeInto(child<QLineEdit>(&pane, "llmEndpointField"), server.endpoint());
         QCOMPARE(Preferences::shared().value(Settings::llmEndpoint), server.endpoint());
         QVERIFY(says("Available"));

@@ -1,8 +1,8 @@
 // The Settings, comparison and About windows on a real X server: built once and kept, the Settings
 // window's self-hiding and taskbar switch, the comparison window's arming.
+#include "UiTest.h"
 #include "dictation/CompareModel.h"
 #include "storage/Preferences.h"
-#include "support/TestSupport.h"
 #include "ui/AboutView.h"
 #include "ui/AboutWindowController.h"
 #include "ui/CompareView.h"
@@ -14,32 +14,14 @@
 #include "ui/ToggleSwitch.h"
 
 #include <QLabel>
-#include <QProcess>
-#include <QTest>
-
-using TestSupport::waitUntil;
-
-namespace {
-
-// The window type and states the X server holds for a window, as a window manager reads them.
-QString windowTypes(QWidget* window)
-{
-    QProcess xprop;
-    xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()),
-                                          QStringLiteral("_NET_WM_WINDOW_TYPE"), QStringLiteral("_NET_WM_STATE")});
-    xprop.waitForFinished(5000);
-    return QString::fromUtf8(xprop.readAllStandardOutput());
-}
 
 // Each sign of a window kept out of the taskbar, as Qt and the window manager see it.
-QList<bool> outOfTheTaskbar(QWidget* window)
+static QList<bool> outOfTheTaskbar(QWidget* window)
 {
-    const QString types = windowTypes(window);
-    return {window->windowType() == Qt::Tool, types.contains(QStringLiteral("_NET_WM_WINDOW_TYPE_UTILITY")),
-            types.contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR"))};
+    const QString props = windowProperties(window);
+    return {window->windowType() == Qt::Tool, props.contains(QStringLiteral("_NET_WM_WINDOW_TYPE_UTILITY")),
+            props.contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR"))};
 }
-
-}  // namespace
 
 class WindowsTest : public QObject {
     Q_OBJECT
@@ -50,7 +32,7 @@ private Q_SLOTS:
         controller.show();
         QWidget* window = controller.window();
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
-        QTest::mouseClick(controller.view()->tabPill(SettingsView::Pane::history), Qt::LeftButton);
+        click(controller.view()->tabPill(SettingsView::Pane::history));
         window->close();
         QVERIFY(waitUntil([&] { return !window->isVisible(); }));
         controller.show();
@@ -82,7 +64,7 @@ private Q_SLOTS:
         QWidget* window = controller.window();
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
         for (const bool shown : {false, true}) {
-            QTest::mouseClick(window->findChild<ToggleSwitch*>(QStringLiteral("taskbarSwitch")), Qt::LeftButton);
+            click(child(window, "taskbarSwitch"));
             QCOMPARE(Preferences::shared().showDockIcon(), shown);
             QVERIFY(waitUntil([&] { return outOfTheTaskbar(window) == QList<bool>(3, !shown); }));
             QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
@@ -99,7 +81,7 @@ private Q_SLOTS:
         QWidget* window = controller.window();
         QVERIFY(QTest::qWaitForWindowExposed(window));
         QVERIFY(waitUntil([&] { return outOfTheTaskbar(window) == QList<bool>(3, true); }));
-        QCOMPARE(window->findChild<QLabel*>(QStringLiteral("versionLine"))->text(), QStringLiteral("Version " TOLVANE_VERSION));
+        QCOMPARE(child<QLabel>(window, "versionLine")->text(), QStringLiteral("Version " TOLVANE_VERSION));
         window->close();
         controller.show();
         QCOMPARE(controller.window(), window);

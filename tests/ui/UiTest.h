@@ -1,0 +1,52 @@
+#pragma once
+
+// What the ui tests share: widgets found by object name, a user's clicks and typing, and what a
+// window manager reads from a window.
+#include "support/TestSupport.h"
+
+#include <QLineEdit>
+#include <QProcess>
+#include <QTest>
+#include <QWidget>
+
+using TestSupport::waitUntil;
+
+template <typename T = QWidget>
+T* child(const QObject* parent, const char* name)
+{
+    return parent->findChild<T*>(QLatin1String(name));
+}
+
+// The children of that name the user can see.
+template <typename T = QWidget>
+QList<T*> shown(const QWidget* parent, const char* name)
+{
+    QList<T*> out;
+    for (T* w : parent->findChildren<T*>(QLatin1String(name)))
+        if (w->isVisibleTo(parent))
+            out << w;
+    return out;
+}
+
+inline void click(QWidget* w)
+{
+    QTest::mouseClick(w, Qt::LeftButton);
+}
+
+inline void typeInto(QLineEdit* field, const QString& text)
+{
+    field->setFocus();
+    field->selectAll();
+    QTest::keyClicks(field, text);
+}
+
+// The window's type, states, desktop and input hint as the X server holds them.
+inline QString windowProperties(QWidget* window)
+{
+    QProcess xprop;
+    xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()),
+                                          QStringLiteral("_NET_WM_WINDOW_TYPE"), QStringLiteral("_NET_WM_STATE"),
+                                          QStringLiteral("_NET_WM_DESKTOP"), QStringLiteral("WM_HINTS")});
+    xprop.waitForFinished(5000);
+    return QString::fromUtf8(xprop.readAllStandardOutput());
+}
