@@ -1,23 +1,19 @@
 // The tray icon and its menu on a real X server, filled from the shared transcript history.
+#include "UiTest.h"
 #include "storage/Preferences.h"
-#include "support/TestSupport.h"
 #include "ui/MenuBarController.h"
 #include "ui/Theme.h"
 
-#include <QAction>
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QMenu>
 #include <QSystemTrayIcon>
-#include <QTest>
 #include <QTimer>
-
-using TestSupport::waitUntil;
 
 namespace {
 
-// The submenu as the user reads it: disabled items marked, separators as "—".
-QStringList shown(const QMenu* menu)
+// The menu as the user reads it: disabled items marked, separators as "—".
+QStringList seen(const QMenu* menu)
 {
     QStringList out;
     for (const QAction* a : menu->actions())
@@ -32,38 +28,28 @@ void clickItem(QMenu* menu, QAction* item)
     QTest::mouseClick(menu, Qt::LeftButton, {}, at);
 }
 
-bool openMenu(QMenu* menu)
+bool open(QMenu* menu)
 {
     menu->popup(QPoint(40, 40));
     return QTest::qWaitForWindowExposed(menu);
 }
 
+QString clipboard() { return QGuiApplication::clipboard()->text(); }
+
 }  // namespace
 
 class MenuBarControllerTest : public QObject {
     Q_OBJECT
-    std::unique_ptr<MenuBarController> bar;
+    MenuBarController bar;
 
 private Q_SLOTS:
-    void init()
-    {
-        Preferences::shared().setHistoryEnabled(true);
-        TranscriptStore::shared().clear();
-        bar = std::make_unique<MenuBarController>();
-        bar->install();
-    }
-    void cleanup()
-    {
-        bar->menu()->close();
-        bar.reset();
-        TranscriptStore::shared().waitForWrites();
-    }
+    void initTestCase() { bar.install(); }
 
     void iconIsThreeGreenBars()
     {
         // Drawn at four pixels per point: each bar covers its share of the 16-point height, in brand
         // green, and nothing lies between or around the bars.
-        const QImage image = MenuBarController::iconImage({0.45, 0.85, 0.62}, brandGreen(), 4);
+        const QImage image = MenuBarController::iconImage(bar.restingHeights(), brandGreen(), 4);
         const auto covered = [&](double xPoints) {
             int rows = 0;
             for (int y = 0; y < image.height(); ++y)
@@ -77,10 +63,10 @@ private Q_SLOTS:
         }
         for (double gap : {0.5, 5.25, 17.5})
             QCOMPARE(covered(gap), 0);
-        QVERIFY(!bar->trayIcon()->icon().isNull());
-        bar->setAmplitude(3);
-        bar->stopAnimating();
-        QCOMPARE(bar->amplitude(), 0.0);
+        QVERIFY(!bar.trayIcon()->icon().isNull());
+        bar.setAmplitude(3);
+        bar.stopAnimating();
+        QCOMPARE(bar.amplitude(), 0.0);
     }
 
     void titles_data()
@@ -106,70 +92,65 @@ private Q_SLOTS:
         QCOMPARE(MenuBarController::menuTitle(text), title);
     }
 
-    void recentTranscriptsNewestFirst()
+    void recentTranscriptsNewestFirstAndCopiedOnClick()
     {
-        bar->rebuildRecentMenu();
-        QCOMPARE(shown(bar->recentMenu()), QStringList{QStringLiteral("(off) No transcripts yet")});
-        for (const char* text : {"oldest", "first line\nsecond line", "Tom & Jerry"})
-            TranscriptStore::shared().append(QString::fromUtf8(text));
-        bar->rebuildRecentMenu();
-        QCOMPARE(shown(bar->recentMenu()), (QStringList{QStringLiteral("(off) Click to copy"), QStringLiteral("—"),
-                                                       QStringLiteral("Tom && Jerry"), QStringLiteral("first line second line"),
-                                                       QStringLiteral("oldest")}));
-        QCOMPARE(bar->recentMenu()->actions()[3]->toolTip(), QStringLiteral("first line\nsecond line"));  // the whole text
+        Preferences::shared().setHistoryEnabled(true);
+        bar.rebuildRecentMenu();
+        QCOMPARE(seen(bar.recentMenu()), QStringList{QStringLiteral("(off) No transcripts yet")});
+        QGuiApplication::clipboard()->setText(QStringLiteral("before"));
+        TranscriptStore::shared().append(QStringLiteral("older"));
+        TranscriptStore::shared().append(QStringLiteral("line one\nline two & more"));
+
+        // Open the menu as a user does; the submenu is filled as it opens.
+        QVERIFY(open(bar.menu()));
+        clickItem(bar.menu(), bar.recentMenu()->menuAction());
+        QVERIFY(waitUntil([&] { return bar.recentMenu()->isVisible(); }));
+        QVERIFY(QTest::qWaitForWindowExposed(bar.recentMenu()));
+        QCOMPARE(seen(bar.recentMenu()), (QStringList{QStringLiteral("(off) Click to copy"), QStringLiteral("—"),
+                                                     QStringLiteral("line one line two && more"), QStringLiteral("older")}));
+        QCOMPARE(bar.recentMenu()->actions()[2]->toolTip(), QStringLiteral("line one\nline two & more"));
+        clickItem(bar.recentMenu(), bar.recentMenu()->actions().first());  // the header copies nothing
+        QTest::qWait(50);
+        QCOMPARE(clipboard(), QStringLiteral("before"));
+        clickItem(bar.recentMenu(), bar.recentMenu()->actions().at(2));
+        QVERIFY(waitUntil([] { return clipboard() == QStringLiteral("line one\nline two & more"); }));
+        QVERIFY(waitUntil([&] { return !bar.menu()->isVisible(); }));
+
+        // A transcript saved while the menu was closed comes first the next time it opens.
+        TranscriptStore::shared().append(QStringLiteral("newest"));
+        QVERIFY(open(bar.menu()));
+        QCOMPARE(bar.recentMenu()->actions().at(2)->text(), QStringLiteral("newest"));
+        bar.menu()->close();
+        bar.copyTranscript(nullptr);
+        QCOMPARE(clipboard(), QStringLiteral("line one\nline two & more"));
+        TranscriptStore::shared().waitForWrites();
     }
 
     void itemsAndShortcutsReachTheirCallbacks()
     {
         QStringList called;
         const auto triggerAllButQuit = [&] {
-            for (QAction* a : bar->menu()->actions())
+            for (QAction* a : bar.menu()->actions())
                 if (a->shortcut() != QKeySequence(Qt::CTRL | Qt::Key_Q))
                     a->trigger();
         };
         triggerAllButQuit();  // unset callbacks do nothing
-        bar->onAbout = [&] { called << QStringLiteral("about"); };
-        bar->onOpenSettings = [&] { called << QStringLiteral("settings"); };
-        bar->onCheckForUpdates = [&] { called << QStringLiteral("updates"); };
-        bar->onCompare = [&] { called << QStringLiteral("compare"); };
+        bar.onAbout = [&] { called << QStringLiteral("about"); };
+        bar.onOpenSettings = [&] { called << QStringLiteral("settings"); };
+        bar.onCheckForUpdates = [&] { called << QStringLiteral("updates"); };
+        bar.onCompare = [&] { called << QStringLiteral("compare"); };
         triggerAllButQuit();
         QCOMPARE(called, (QStringList{QStringLiteral("about"), QStringLiteral("settings"), QStringLiteral("updates"),
                                       QStringLiteral("compare")}));
 
         // Ctrl+, and Ctrl+Q answer while the menu is open; Quit ends the application's loop with 0.
-        QVERIFY(openMenu(bar->menu()));
-        QTest::keyClick(bar->menu(), Qt::Key_Comma, Qt::ControlModifier);
+        QVERIFY(open(bar.menu()));
+        QTest::keyClick(bar.menu(), Qt::Key_Comma, Qt::ControlModifier);
         QCOMPARE(called.count(QStringLiteral("settings")), 2);
-        QVERIFY(openMenu(bar->menu()));
-        QTest::keyClick(bar->menu(), Qt::Key_Q, Qt::ControlModifier);
+        QVERIFY(open(bar.menu()));
+        QTest::keyClick(bar.menu(), Qt::Key_Q, Qt::ControlModifier);
         QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(1); });
         QCOMPARE(QCoreApplication::exec(), 0);
-    }
-
-    void aClickCopiesTheWholeTranscript()
-    {
-        QGuiApplication::clipboard()->setText(QStringLiteral("before"));
-        TranscriptStore::shared().append(QStringLiteral("older"));
-        TranscriptStore::shared().append(QStringLiteral("line one\nline two & more"));
-
-        // Open the menu as a user does; the submenu is filled as it opens.
-        QVERIFY(openMenu(bar->menu()));
-        clickItem(bar->menu(), bar->recentMenu()->menuAction());
-        QVERIFY(waitUntil([&] { return bar->recentMenu()->isVisible(); }));
-        QVERIFY(QTest::qWaitForWindowExposed(bar->recentMenu()));
-        clickItem(bar->recentMenu(), bar->recentMenu()->actions().first());  // the header copies nothing
-        QTest::qWait(50);
-        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("before"));
-        clickItem(bar->recentMenu(), bar->recentMenu()->actions().at(2));
-        QVERIFY(waitUntil([] { return QGuiApplication::clipboard()->text() == QStringLiteral("line one\nline two & more"); }));
-        QVERIFY(waitUntil([&] { return !bar->menu()->isVisible(); }));
-
-        // A transcript saved while the menu was closed comes first the next time it opens.
-        TranscriptStore::shared().append(QStringLiteral("newest"));
-        QVERIFY(openMenu(bar->menu()));
-        QCOMPARE(bar->recentMenu()->actions().at(2)->text(), QStringLiteral("newest"));
-        bar->copyTranscript(nullptr);
-        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("line one\nline two & more"));
     }
 };
 
