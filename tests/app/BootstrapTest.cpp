@@ -1,3 +1,5 @@
+// Start-up with fakes of every platform piece: where it stops, what the user is shown, and what it
+// wires once ready.
 #include "app/Bootstrap.h"
 #include "app/PermissionPrompt.h"
 #include "dictation/AppDelegate.h"
@@ -9,16 +11,22 @@
 #include <QLabel>
 #include <QTest>
 
+using TestSupport::waitUntil;
+
 namespace {
 
-// Start-up against fakes; what it made stays reachable through the raw pointers.
+// Keeps a raw pointer to what the factory made.
+template <typename T>
+std::unique_ptr<T> keep(T*& kept, T* made)
+{
+    kept = made;
+    return std::unique_ptr<T>(made);
+}
+
 struct Launch {
     Journal journal;
     AppDelegate delegate;
-    bool microphone = true;
-    bool speech = true;
-    bool hotkeyStarts = true;
-    QString prepareFailure;
+    QString refused;  // "microphone", "speech", "model" or "keyboard"
     FakeMenuBar* menuBar = nullptr;
     FakeOverlay* overlay = nullptr;
     FakeAudio* audio = nullptr;
@@ -30,49 +38,33 @@ struct Launch {
     void run()
     {
         Bootstrap::Factory f;
-        f.menuBar = [this] {
-            auto m = std::make_unique<FakeMenuBar>(journal);
-            menuBar = m.get();
-            return m;
-        };
+        f.menuBar = [this] { return keep(menuBar, new FakeMenuBar(journal)); };
         f.injector = [this] { return std::make_unique<FakeInjector>(journal); };
-        f.overlay = [this] {
-            auto o = std::make_unique<FakeOverlay>(journal);
-            overlay = o.get();
-            return o;
-        };
-        f.audio = [this] {
-            auto a = std::make_unique<FakeAudio>(journal);
-            audio = a.get();
-            return a;
-        };
+        f.overlay = [this] { return keep(overlay, new FakeOverlay(journal)); };
+        f.audio = [this] { return keep(audio, new FakeAudio(journal)); };
         f.transcriber = [this] {
-            auto t = std::make_unique<FakeTranscriber>(journal);
-            t->prepareFailure = prepareFailure;
-            transcriber = t.get();
+            auto t = keep(transcriber, new FakeTranscriber(journal));
+            t->prepareFailure = refused == QLatin1String("model") ? QStringLiteral("no model for xx-XX") : QString();
             return t;
         };
         f.hotkey = [this] {
-            auto h = std::make_unique<FakeHotkey>();
-            h->startSucceeds = hotkeyStarts;
-            hotkey = h.get();
+            auto h = keep(hotkey, new FakeHotkey);
+            h->startSucceeds = refused != QLatin1String("keyboard");
             return h;
         };
-        f.requestMicrophone = [this]() -> QCoro::Task<bool> { co_return microphone; };
-        f.requestSpeech = [this](AbstractTranscriber&) -> QCoro::Task<bool> { co_return speech; };
-        f.showBlockingError = [this](const QString& title, const QString& message) { blockingErrors << title << message; };
+        f.requestMicrophone = [this]() -> QCoro::Task<bool> { co_return refused != QLatin1String("microphone"); };
+        f.requestSpeech = [this](AbstractTranscriber&) -> QCoro::Task<bool> { co_return refused != QLatin1String("speech"); };
+        f.showBlockingError = [this](const QString& title, const QString&) { blockingErrors << title; };
         bootstrap = std::make_unique<Bootstrap>(delegate, std::move(f));
         bootstrap->applicationDidFinishLaunching();
-        QVERIFY(TestSupport::waitUntil([this] { return bootstrap->finished(); }));
+        QVERIFY(waitUntil([this] { return bootstrap->finished(); }));
     }
 };
 
 QString promptTitle()
 {
     QWidget* panel = PermissionPrompt::currentPanel();
-    if (!panel)
-        return {};
-    return panel->findChildren<QLabel*>().value(0)->text();
+    return panel ? panel->findChildren<QLabel*>().value(0)->text() : QString();
 }
 
 }  // namespace
@@ -86,121 +78,74 @@ private Q_SLOTS:
         PermissionPrompt::dismiss();
     }
 
-    void readyPathWiresEverything()
+    void launch_data()
     {
-        TestSupport::LogMark mark;
-        Launch l;
-        l.run();
-        QCOMPARE(mark.messages(),
-                 (QStringList{QStringLiteral("applicationDidFinishLaunching"), QStringLiteral("bootstrap: starting"),
-                              QStringLiteral("bootstrap: requesting microphone…"), QStringLiteral("bootstrap: microphone = true"),
-                              QStringLiteral("bootstrap: requesting speech…"), QStringLiteral("bootstrap: speech = true"),
-                              QStringLiteral("bootstrap: preparing transcriber (en-US)…"),
-                              QStringLiteral("bootstrap: transcriber ready."),
-                              QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.")}));
-        QVERIFY(l.menuBar->installed);
-        QVERIFY(l.overlay->installed);
-        QCOMPARE(l.transcriber->prepared, QStringList{QStringLiteral("en-US")});
-        QCOMPARE(l.audio->format, (std::optional<AudioFormat>{AudioFormat{16000, 1}}));
-        QVERIFY(!PermissionPrompt::currentPanel());
-
-        // The key monitor drives the delegate, and follows the activation-key setting.
-        l.hotkey->onOptionDown();
-        QVERIFY(TestSupport::waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::hold; }));
-        Preferences::shared().setActivationKey(ActivationKey::rightControl);
-        QCOMPARE(l.hotkey->key, ActivationKey::rightControl);
-        // And the pill's buttons too.
-        l.overlay->onCancel();
-        QVERIFY(TestSupport::waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::idle; }));
-    }
-
-    void refusedPermissionStopsWithItsPrompt_data()
-    {
-        QTest::addColumn<bool>("microphone");
+        QTest::addColumn<QString>("refused");
         QTest::addColumn<QString>("lastLog");
-        QTest::addColumn<QString>("title");
-        QTest::newRow("microphone") << false << QStringLiteral("bootstrap: microphone = false")
-                                    << QStringLiteral("Microphone access needed");
-        QTest::newRow("speech") << true << QStringLiteral("bootstrap: speech = false") << QStringLiteral("Speech Recognition needed");
+        QTest::addColumn<QString>("shown");   // the prompt's title, or the fatal alert's
+        QTest::addColumn<bool>("listening");  // the key monitor and the pill are up
+        auto row = [](const char* refused, const char* lastLog, const char* shown, bool listening) {
+            QTest::newRow(refused) << QString::fromUtf8(refused) << QString::fromUtf8(lastLog) << QString::fromUtf8(shown) << listening;
+        };
+        row("", "bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.", "", true);
+        row("microphone", "bootstrap: microphone = false", "Microphone access needed", false);
+        row("speech", "bootstrap: speech = false", "Speech Recognition needed", false);
+        row("model", "bootstrap: transcriber prepare FAILED: no model for xx-XX", "Speech model unavailable", false);
+        row("keyboard", "bootstrap: accessibility missing — prompting + polling", "Enable Tolvane in Accessibility", true);
     }
-    void refusedPermissionStopsWithItsPrompt()
+    void launch()
     {
-        QFETCH(bool, microphone);
+        QFETCH(QString, refused);
         QFETCH(QString, lastLog);
-        QFETCH(QString, title);
+        QFETCH(QString, shown);
+        QFETCH(bool, listening);
         TestSupport::LogMark mark;
-        Launch l;
-        l.microphone = microphone;
-        l.speech = false;
+        Launch l{.refused = refused};
         l.run();
         QCOMPARE(mark.messages().last(), lastLog);
-        QCOMPARE(promptTitle(), title);
-        QVERIFY(!l.hotkey);
-        QVERIFY(!l.overlay);
-        QVERIFY(l.menuBar->installed);  // the tray still works
-    }
-
-    void failedPreparationIsFatal()
-    {
-        TestSupport::LogMark mark;
-        Launch l;
-        l.prepareFailure = QStringLiteral("no model for xx-XX");
-        l.run();
-        QVERIFY(mark.messages().contains(QStringLiteral("bootstrap: transcriber prepare FAILED: no model for xx-XX")));
-        QCOMPARE(l.blockingErrors.value(0), QStringLiteral("Speech model unavailable"));
-        QVERIFY(l.blockingErrors.value(1).startsWith(
-            QStringLiteral("Could not load the on-device speech model for en-US:\n\nno model for xx-XX\n\n")));
-        QVERIFY(!l.hotkey);
-    }
-
-    void missingKeyboardAccessPollsUntilGranted()
-    {
-        TestSupport::LogMark mark;
-        Launch l;
-        l.hotkeyStarts = false;
-        l.run();
-        QCOMPARE(mark.messages().last(), QStringLiteral("bootstrap: accessibility missing — prompting + polling"));
-        QCOMPARE(promptTitle(), QStringLiteral("Enable Tolvane in Accessibility"));
+        QCOMPARE(promptTitle().isEmpty() ? l.blockingErrors.value(0) : promptTitle(), shown);
+        QVERIFY(l.menuBar->installed);  // the tray works whatever else does not
+        QCOMPARE(l.overlay && l.overlay->installed, listening);
+        QCOMPARE(l.hotkey && l.delegate.hotkey == l.hotkey, listening);
+        if (refused != QLatin1String("keyboard"))
+            return;
+        // It keeps asking, and once access is granted it is ready and the prompt goes.
         QVERIFY(l.bootstrap->accessibilityPolling());
-        QVERIFY(TestSupport::waitUntil([&] { return l.hotkey->startCalls >= 3; }));  // keeps trying
+        QVERIFY(waitUntil([&] { return l.hotkey->startCalls >= 2; }));
         l.hotkey->startSucceeds = true;
-        QVERIFY(TestSupport::waitUntil([&] { return !l.bootstrap->accessibilityPolling(); }));
+        QVERIFY(waitUntil([&] { return !l.bootstrap->accessibilityPolling(); }));
         QCOMPARE(mark.messages().last(), QStringLiteral("bootstrap: accessibility granted — READY"));
-        QVERIFY(TestSupport::waitUntil([] { return !PermissionPrompt::currentPanel(); }));
+        QVERIFY(waitUntil([] { return !PermissionPrompt::currentPanel(); }));
     }
 
-    void languageChangeWaitsForIdleAndIsNotRemembered()
+    void readyLaunchWiresTheControllerAndFollowsSettings()
     {
         Launch l;
         l.run();
+        QCOMPARE(l.transcriber->prepared, QStringList{QStringLiteral("en-US")});
+        QCOMPARE(l.audio->format, (std::optional<AudioFormat>{AudioFormat{16000, 1}}));
+
+        // The key monitor, the pill and the tray drive the controller.
         l.hotkey->onOptionDown();
-        QVERIFY(TestSupport::waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::hold; }));
+        QVERIFY(waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::hold; }));
+        Preferences::shared().setActivationKey(ActivationKey::rightControl);
+        QCOMPARE(l.hotkey->key, ActivationKey::rightControl);
+        // A language chosen mid-dictation is not applied, not even afterwards.
         Preferences::shared().setLocaleIdentifier(QStringLiteral("de-DE"));
-        l.hotkey->onEscape();
-        QVERIFY(TestSupport::waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::idle; }));
+        l.overlay->onCancel();
+        QVERIFY(waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::idle; }));
+        l.menuBar->onCompare();
+        QVERIFY(l.delegate.compareArmed);
         QTest::qWait(50);
         QCOMPARE(l.transcriber->prepared, QStringList{QStringLiteral("en-US")});
 
         TestSupport::LogMark mark;
         Preferences::shared().setLocaleIdentifier(QStringLiteral("fr-FR"));
-        QVERIFY(TestSupport::waitUntil([&] { return l.transcriber->prepared.size() == 2; }));
-        QVERIFY(TestSupport::waitUntil([&] { return mark.messages().size() == 2; }));
-        QCOMPARE(mark.messages(), (QStringList{QStringLiteral("locale: re-preparing transcriber for fr-FR…"),
-                                               QStringLiteral("locale: transcriber re-prepared for fr-FR")}));
-
+        QVERIFY(mark.waitFor(QStringLiteral("locale: transcriber re-prepared for fr-FR")));
+        QCOMPARE(l.transcriber->prepared.last(), QStringLiteral("fr-FR"));
         l.transcriber->prepareFailure = QStringLiteral("unsupported");
         Preferences::shared().setLocaleIdentifier(QStringLiteral("xx-XX"));
-        QVERIFY(TestSupport::waitUntil([&] { return mark.messages().size() == 4; }));
-        QCOMPARE(mark.messages().last(), QStringLiteral("locale: re-prepare FAILED for xx-XX: unsupported"));
-    }
-
-    void compareMenuArmsTheNextDictation()
-    {
-        Launch l;
-        l.run();
-        QVERIFY(!l.delegate.compareArmed);
-        l.menuBar->onCompare();
-        QVERIFY(l.delegate.compareArmed);
+        QVERIFY(mark.waitFor(QStringLiteral("locale: re-prepare FAILED for xx-XX: unsupported")));
     }
 };
 

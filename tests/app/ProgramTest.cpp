@@ -31,11 +31,9 @@ QString transcribeDirectly(const std::vector<float>& samples)
     TranscriberController controller;
     TestSupport::await(controller.prepare(QStringLiteral("en-US")));
     TestSupport::await(controller.start());
-    const auto input = controller.inputContinuation();
-    for (size_t at = 0; at < samples.size(); at += 341) {
-        const auto from = samples.begin() + static_cast<std::ptrdiff_t>(at);
-        input->yield(AudioBuffer{{16000, 1}, std::vector<float>(from, from + std::min<std::ptrdiff_t>(341, samples.end() - from))});
-    }
+    for (size_t at = 0; at < samples.size(); at += 341)
+        controller.inputContinuation()->yield(
+            AudioBuffer{{16000, 1}, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + 341))});
     return TestSupport::await(controller.finish());
 }
 
@@ -113,45 +111,35 @@ private Q_SLOTS:
         QCOMPARE(SpeechTest::words(out.last()), direct);
     }
 
-    void cleansUpStandardInput_data()
-    {
-        QTest::addColumn<QString>("mode");
-        QTest::addColumn<QByteArray>("input");
-        QTest::addColumn<bool>("serverUp");
-        QTest::addColumn<QString>("out");
-        QTest::addColumn<QString>("err");  // found on standard error
-        QTest::newRow("bullets") << "bullets" << QByteArray("um café at nine, uh, and bring notes\n") << true
-                                 << "- Café at 9 ☕\n- Bring notes\n" << "cleanup: mode=bullets in=36 out=27";
-        QTest::newRow("raw, byte for byte") << "raw" << QByteArray("  two\r\nlines, no final line feed") << true
-                                            << "  two\r\nlines, no final line feed" << QString();
-        QTest::newRow("no model, unchanged") << "tidy" << QByteArray("keep every word\nas said\n") << false
-                                             << "keep every word\nas said\n"
-                                             << "tolvane: no language model available, printing the text unchanged: ";
-    }
     void cleansUpStandardInput()
     {
-        QFETCH(QString, mode);
-        QFETCH(QByteArray, input);
-        QFETCH(bool, serverUp);
-        QFETCH(QString, out);
-        QFETCH(QString, err);
         FakeLlmServer server;
         QVERIFY(server.listen());
         server.configureCleanup();
         server.chat = [](const QJsonObject&) {
             return FakeLlmServer::answer(QStringLiteral("<<<BEGIN TEXT>>>\n- Café at 9 ☕\n- Bring notes\n<<<END TEXT>>>"));
         };
-        if (!serverUp)
-            Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
-        const ProgramRun run = tolvane({QStringLiteral("--cleanup"), mode}, input);
+        const QByteArray spoken("um café at nine, uh, and bring notes\n");
+        ProgramRun run = tolvane({QStringLiteral("--cleanup"), QStringLiteral("bullets")}, spoken);
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, out);
-        QVERIFY2(run.err.contains(err), qPrintable(run.err));
-        QCOMPARE(server.chatRequests().size(), mode == QLatin1String("bullets") ? 1 : 0);
+        QCOMPARE(run.out, QStringLiteral("- Café at 9 ☕\n- Bring notes\n"));
+        QVERIFY2(run.err.contains(QStringLiteral("cleanup: mode=bullets in=36 out=27")), qPrintable(run.err));
         // The terminal's final line feed is not part of the text the model sees.
-        if (!server.chatRequests().isEmpty())
-            QCOMPARE(server.chatRequests().first().json()[QLatin1String("messages")].toArray().at(1)[QLatin1String("content")].toString(),
-                     CleanupEngine::prompt(QString::fromUtf8(input).chopped(1)));
+        QCOMPARE(server.chatRequests().value(0).json()[QLatin1String("messages")][1][QLatin1String("content")].toString(),
+                 CleanupEngine::prompt(QString::fromUtf8(spoken).chopped(1)));
+
+        // Raw passes standard input through byte for byte, without asking the model.
+        const QByteArray typed("  two\r\nlines, no final line feed");
+        QCOMPARE(tolvane({QStringLiteral("--cleanup"), QStringLiteral("raw")}, typed).out.toUtf8(), typed);
+        QCOMPARE(server.chatRequests().size(), 1);
+
+        // Without a model the text comes back unchanged, and standard error says why.
+        Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
+        run = tolvane({QStringLiteral("--cleanup"), QStringLiteral("tidy")}, spoken);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out.toUtf8(), spoken);
+        QVERIFY2(run.err.startsWith(QStringLiteral("tolvane: no language model available, printing the text unchanged: ")),
+                 qPrintable(run.err));
     }
 };
 
