@@ -9,7 +9,6 @@
 #include "ui/HistoryPane.h"
 #include "ui/HotkeyTester.h"
 #include "ui/SettingsView.h"
-#include "ui/SnippetsPane.h"
 #include "ui/TabPill.h"
 #include "ui/ToggleSwitch.h"
 
@@ -56,7 +55,7 @@ class PanesTest : public QObject {
 private Q_SLOTS:
     void snippetsAreAddedAndDeletedAtOnce()
     {
-        SnippetsPane pane;
+        SettingsView pane({}, SettingsView::Pane::snippets);
         pane.show();
         auto* trigger = child<QLineEdit>(&pane, "triggerField");
         auto* replacement = child<QLineEdit>(&pane, "replacementField");
@@ -87,19 +86,14 @@ private Q_SLOTS:
         click(shown(&pane, "deleteSnippetButton").first());
         QVERIFY(replacements().isEmpty());
         QCOMPARE(shown(&pane, "emptySnippetsText").size(), 1);
-    }
 
-    void choosingATabAgainReReadsItsData()
-    {
-        SettingsView view({}, SettingsView::Pane::snippets);
-        view.show();
+        // Choosing the tab again re-reads what another part of Tolvane saved meanwhile.
         SnippetStore::save({Snippet{QUuid::createUuid(), QStringLiteral("t"), QStringLiteral("r")}});
-        click(view.tabPill(SettingsView::Pane::snippets));  // already chosen: kept as it was
-        QVERIFY(shown(&view, "snippetRow").isEmpty());
-        click(view.tabPill(SettingsView::Pane::general));
-        QVERIFY(qobject_cast<GeneralPane*>(view.paneWidget()));
-        click(view.tabPill(SettingsView::Pane::snippets));
-        QCOMPARE(shown(&view, "snippetRow").size(), 1);
+        click(pane.tabPill(SettingsView::Pane::snippets));  // already chosen: kept as it was
+        QVERIFY(shown(&pane, "snippetRow").isEmpty());
+        click(pane.tabPill(SettingsView::Pane::general));
+        click(pane.tabPill(SettingsView::Pane::snippets));
+        QCOMPARE(shown(&pane, "snippetRow").size(), 1);
     }
 
     void historyListsCopiesAndClears()
@@ -109,6 +103,7 @@ private Q_SLOTS:
         SettingsServices services;
         services.historyEntries = [&] { return stored; };
         services.clearHistory = [&] { ++clears, stored.clear(); };
+        Preferences::shared().setHistoryEnabled(true);
         HistoryPane pane(services);
         pane.show();
         const auto dates = shown<QLabel>(&pane, "historyDate");
@@ -135,28 +130,20 @@ private Q_SLOTS:
         clearHistoryAnswering(&pane, "Delete All");
         QCOMPARE(clears, 1);
         QCOMPARE(shown(&pane, "emptyHistoryText").size(), 1);
-    }
 
-    void historyRetentionClampsAndFollowsTheSwitch()
-    {
-        Preferences::shared().setHistoryEnabled(true);
-        Preferences::shared().setHistoryRetention(99);
-        HistoryPane pane({});
-        pane.show();
+        // The number kept stays between 1 and 100; with history off the stepper cannot be used.
+        pane.setRetention(99);
         auto* up = child(&pane, "retentionUp");
         click(up);
-        click(up);  // already at the top: stays
+        click(up);
         QCOMPARE(Preferences::shared().historyRetention(), 100);
         QCOMPARE(child<QLabel>(&pane, "historyHeader")->text(), QStringLiteral("Last 100 transcripts"));
         pane.setRetention(0);
         QCOMPARE(Preferences::shared().historyRetention(), 1);
         QVERIFY(!child(&pane, "retentionDown")->isEnabled());
-
-        // History off: nothing is kept, and the stepper cannot be used.
         auto* history = child<ToggleSwitch>(&pane, "historyEnabledSwitch");
         click(history);
-        QVERIFY(!Preferences::shared().historyEnabled());
-        QVERIFY(!child(&pane, "retentionStepper")->isEnabled());
+        QVERIFY(!Preferences::shared().historyEnabled() && !child(&pane, "retentionStepper")->isEnabled());
         click(up);
         QCOMPARE(Preferences::shared().historyRetention(), 1);
         click(history);
