@@ -7,7 +7,6 @@
 #include "support/Fakes.h"
 #include "support/TestSupport.h"
 
-#include <QApplication>
 #include <QLabel>
 #include <QTest>
 
@@ -15,50 +14,42 @@ using TestSupport::waitUntil;
 
 namespace {
 
-// Keeps a raw pointer to what the factory made.
-template <typename T>
-std::unique_ptr<T> keep(T*& kept, T* made)
-{
-    kept = made;
-    return std::unique_ptr<T>(made);
-}
-
+// Start-up against fakes, one of which may refuse: "microphone", "speech", "model" or "keyboard".
 struct Launch {
     Journal journal;
     AppDelegate delegate;
-    QString refused;  // "microphone", "speech", "model" or "keyboard"
-    FakeMenuBar* menuBar = nullptr;
-    FakeOverlay* overlay = nullptr;
-    FakeAudio* audio = nullptr;
-    FakeTranscriber* transcriber = nullptr;
-    FakeHotkey* hotkey = nullptr;
-    QStringList blockingErrors;
+    QStringList alerts;  // the fatal ones
     std::unique_ptr<Bootstrap> bootstrap;
 
-    void run()
+    explicit Launch(const QString& refused = {})
     {
         Bootstrap::Factory f;
-        f.menuBar = [this] { return keep(menuBar, new FakeMenuBar(journal)); };
+        f.menuBar = [this] { return std::make_unique<FakeMenuBar>(journal); };
         f.injector = [this] { return std::make_unique<FakeInjector>(journal); };
-        f.overlay = [this] { return keep(overlay, new FakeOverlay(journal)); };
-        f.audio = [this] { return keep(audio, new FakeAudio(journal)); };
-        f.transcriber = [this] {
-            auto t = keep(transcriber, new FakeTranscriber(journal));
+        f.overlay = [this] { return std::make_unique<FakeOverlay>(journal); };
+        f.audio = [this] { return std::make_unique<FakeAudio>(journal); };
+        f.transcriber = [this, refused] {
+            auto t = std::make_unique<FakeTranscriber>(journal);
             t->prepareFailure = refused == QLatin1String("model") ? QStringLiteral("no model for xx-XX") : QString();
             return t;
         };
-        f.hotkey = [this] {
-            auto h = keep(hotkey, new FakeHotkey);
+        f.hotkey = [refused] {
+            auto h = std::make_unique<FakeHotkey>();
             h->startSucceeds = refused != QLatin1String("keyboard");
             return h;
         };
-        f.requestMicrophone = [this]() -> QCoro::Task<bool> { co_return refused != QLatin1String("microphone"); };
-        f.requestSpeech = [this](AbstractTranscriber&) -> QCoro::Task<bool> { co_return refused != QLatin1String("speech"); };
-        f.showBlockingError = [this](const QString& title, const QString&) { blockingErrors << title; };
+        f.requestMicrophone = [refused]() -> QCoro::Task<bool> { co_return refused != QLatin1String("microphone"); };
+        f.requestSpeech = [refused](AbstractTranscriber&) -> QCoro::Task<bool> { co_return refused != QLatin1String("speech"); };
+        f.showBlockingError = [this](const QString& title, const QString&) { alerts << title; };
         bootstrap = std::make_unique<Bootstrap>(delegate, std::move(f));
         bootstrap->applicationDidFinishLaunching();
-        QVERIFY(waitUntil([this] { return bootstrap->finished(); }));
+        waitUntil([this] { return bootstrap->finished(); });
     }
+    // What start-up made and handed to the controller.
+    FakeMenuBar* menuBar() const { return static_cast<FakeMenuBar*>(delegate.menuBar); }
+    FakeOverlay* overlay() const { return static_cast<FakeOverlay*>(delegate.overlay); }
+    FakeTranscriber* transcriber() const { return static_cast<FakeTranscriber*>(delegate.transcriber); }
+    FakeHotkey* hotkey() const { return static_cast<FakeHotkey*>(delegate.hotkey); }
 };
 
 QString promptTitle()
@@ -85,7 +76,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("shown");   // the prompt's title, or the fatal alert's
         QTest::addColumn<bool>("listening");  // the key monitor and the pill are up
         auto row = [](const char* refused, const char* lastLog, const char* shown, bool listening) {
-            QTest::newRow(refused) << QString::fromUtf8(refused) << QString::fromUtf8(lastLog) << QString::fromUtf8(shown) << listening;
+            QTest::newRow(*refused ? refused : "ready") << QString::fromUtf8(refused) << QString::fromUtf8(lastLog) << QString::fromUtf8(shown) << listening;
         };
         row("", "bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.", "", true);
         row("microphone", "bootstrap: microphone = false", "Microphone access needed", false);
@@ -100,19 +91,19 @@ private Q_SLOTS:
         QFETCH(QString, shown);
         QFETCH(bool, listening);
         TestSupport::LogMark mark;
-        Launch l{.refused = refused};
-        l.run();
+        Launch l(refused);
+        QVERIFY(l.bootstrap->finished());
         QCOMPARE(mark.messages().last(), lastLog);
-        QCOMPARE(promptTitle().isEmpty() ? l.blockingErrors.value(0) : promptTitle(), shown);
-        QVERIFY(l.menuBar->installed);  // the tray works whatever else does not
-        QCOMPARE(l.overlay && l.overlay->installed, listening);
-        QCOMPARE(l.hotkey && l.delegate.hotkey == l.hotkey, listening);
+        QCOMPARE(promptTitle().isEmpty() ? l.alerts.value(0) : promptTitle(), shown);
+        QVERIFY(l.menuBar()->installed);  // the tray works whatever else does not
+        QCOMPARE(l.overlay() && l.overlay()->installed, listening);
+        QCOMPARE(l.hotkey() != nullptr, listening);
         if (refused != QLatin1String("keyboard"))
             return;
         // It keeps asking, and once access is granted it is ready and the prompt goes.
         QVERIFY(l.bootstrap->accessibilityPolling());
-        QVERIFY(waitUntil([&] { return l.hotkey->startCalls >= 2; }));
-        l.hotkey->startSucceeds = true;
+        QVERIFY(waitUntil([&] { return l.hotkey()->startCalls >= 2; }));
+        l.hotkey()->startSucceeds = true;
         QVERIFY(waitUntil([&] { return !l.bootstrap->accessibilityPolling(); }));
         QCOMPARE(mark.messages().last(), QStringLiteral("bootstrap: accessibility granted — READY"));
         QVERIFY(waitUntil([] { return !PermissionPrompt::currentPanel(); }));
@@ -121,29 +112,26 @@ private Q_SLOTS:
     void readyLaunchWiresTheControllerAndFollowsSettings()
     {
         Launch l;
-        l.run();
-        QCOMPARE(l.transcriber->prepared, QStringList{QStringLiteral("en-US")});
-        QCOMPARE(l.audio->format, (std::optional<AudioFormat>{AudioFormat{16000, 1}}));
-
+        QVERIFY(l.bootstrap->finished());
         // The key monitor, the pill and the tray drive the controller.
-        l.hotkey->onOptionDown();
+        l.hotkey()->onOptionDown();
         QVERIFY(waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::hold; }));
         Preferences::shared().setActivationKey(ActivationKey::rightControl);
-        QCOMPARE(l.hotkey->key, ActivationKey::rightControl);
+        QCOMPARE(l.hotkey()->key, ActivationKey::rightControl);
         // A language chosen mid-dictation is not applied, not even afterwards.
         Preferences::shared().setLocaleIdentifier(QStringLiteral("de-DE"));
-        l.overlay->onCancel();
+        l.overlay()->onCancel();
         QVERIFY(waitUntil([&] { return l.delegate.mode == AppDelegate::Mode::idle; }));
-        l.menuBar->onCompare();
+        l.menuBar()->onCompare();
         QVERIFY(l.delegate.compareArmed);
         QTest::qWait(50);
-        QCOMPARE(l.transcriber->prepared, QStringList{QStringLiteral("en-US")});
+        QCOMPARE(l.transcriber()->prepared, QStringList{QStringLiteral("en-US")});
 
         TestSupport::LogMark mark;
         Preferences::shared().setLocaleIdentifier(QStringLiteral("fr-FR"));
         QVERIFY(mark.waitFor(QStringLiteral("locale: transcriber re-prepared for fr-FR")));
-        QCOMPARE(l.transcriber->prepared.last(), QStringLiteral("fr-FR"));
-        l.transcriber->prepareFailure = QStringLiteral("unsupported");
+        QCOMPARE(l.transcriber()->prepared.last(), QStringLiteral("fr-FR"));
+        l.transcriber()->prepareFailure = QStringLiteral("unsupported");
         Preferences::shared().setLocaleIdentifier(QStringLiteral("xx-XX"));
         QVERIFY(mark.waitFor(QStringLiteral("locale: re-prepare FAILED for xx-XX: unsupported")));
     }

@@ -1,5 +1,4 @@
 // The tolvane program as a user meets it from a shell, run as a black box without a display.
-#include "speech/TranscriberController.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
 #include "support/Speech.h"
@@ -14,43 +13,28 @@ using TestSupport::ProgramRun;
 
 namespace {
 
+// With no display at all unless one is given.
 ProgramRun tolvane(const QStringList& args, const QByteArray& input = {}, const QString& display = {})
 {
-    QStringList unset{QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("WAYLAND_DISPLAY")};
-    QMap<QString, QString> set;
-    if (display.isEmpty())
-        unset << QStringLiteral("DISPLAY");
-    else
-        set.insert(QStringLiteral("DISPLAY"), display);
-    return TestSupport::runTolvane({.arguments = args, .input = input, .set = set, .unset = unset, .timeoutMs = 120000});
+    return TestSupport::runTolvane({.arguments = args, .input = input, .set = {{QStringLiteral("DISPLAY"), display}},
+                                    .unset = {QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("WAYLAND_DISPLAY")},
+                                    .timeoutMs = 120000});
 }
 
-// What the engine hears from the same speech handed to it directly, at its own rate.
-QString transcribeDirectly(const std::vector<float>& samples)
-{
-    TranscriberController controller;
-    TestSupport::await(controller.prepare(QStringLiteral("en-US")));
-    TestSupport::await(controller.start());
-    for (size_t at = 0; at < samples.size(); at += 341)
-        controller.inputContinuation()->yield(
-            AudioBuffer{{16000, 1}, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + 341))});
-    return TestSupport::await(controller.finish());
-}
+const QString said = QStringLiteral("remind me to call the dentist tomorrow morning at nine");
 
 }  // namespace
 
 class ProgramTest : public QObject {
     Q_OBJECT
     QTemporaryDir dir_;
-    QString speechWav_;          // 48 kHz stereo
-    std::vector<float> speech_;  // the same speech at 16 kHz mono
+    QString speechWav_;  // 48 kHz stereo
 
 private Q_SLOTS:
     void initTestCase()
     {
         speechWav_ = dir_.filePath(QStringLiteral("speech-48k-stereo.wav"));
-        speech_ = SpeechTest::synthesize(QStringLiteral("remind me to call the dentist tomorrow morning at nine"), speechWav_, 48000, 2);
-        QVERIFY2(!speech_.empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
+        QVERIFY2(!SpeechTest::synthesize(said, speechWav_, 48000, 2).empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
     }
 
     void answersAndRefusals_data()
@@ -106,9 +90,8 @@ private Q_SLOTS:
             QVERIFY2(out[i].startsWith(QLatin1String("partial: ")), qPrintable(out[i]));
         // The last partial is the committed text, which is the transcript.
         QCOMPARE(out[out.size() - 2], QStringLiteral("partial: ") + out.last());
-        const QStringList direct = SpeechTest::words(transcribeDirectly(speech_));
-        QVERIFY(direct.size() >= 6);
-        QCOMPARE(SpeechTest::words(out.last()), direct);
+        const int heard = SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(out.last()));
+        QVERIFY2(heard >= 7, qPrintable(out.last()));
     }
 
     void cleansUpStandardInput()
