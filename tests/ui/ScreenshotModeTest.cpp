@@ -49,41 +49,42 @@ int greenPixels(const QImage& image)
 class ScreenshotModeTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void writesFourImagesAndRestoresTheSnippets()
+    void writesFourImagesAndLeavesTheStoreAsItWas_data()
     {
-        SnippetStore::save({Snippet{QUuid::createUuid(), QStringLiteral("home"), QStringLiteral("Bälderstraße 5\nZürich")}});
+        QTest::addColumn<QString>("folder");
+        QTest::addColumn<bool>("snippets");
+        QTest::newRow("into a folder, snippets kept") << QStringLiteral("shots") << true;
+        QTest::newRow("the default folder, no snippets") << QString() << false;
+    }
+    void writesFourImagesAndLeavesTheStoreAsItWas()
+    {
+        QFETCH(QString, folder);
+        QFETCH(bool, snippets);
+        Preferences::shared().remove(QStringLiteral("snippets"));
+        if (snippets)
+            SnippetStore::save({Snippet{QUuid::createUuid(), QStringLiteral("home"), QStringLiteral("Bälderstraße 5\nZürich")}});
         const QByteArray before = storeContents();
         QTemporaryDir dir;
-        const auto run = shots({dir.path()}, dir.path());
+        // Without an X server, a display that does not answer falls back to offscreen rendering.
+        const bool x11 = qEnvironmentVariableIsSet("DISPLAY");
+        const auto run = shots(folder.isEmpty() ? QStringList() : QStringList{folder}, dir.path(),
+                               x11 || snippets ? QString() : QStringLiteral(":7391"));
         QCOMPARE(run.exitCode, 0);
 
         // Images at the window sizes, with the drawn 30-point title bar on top.
+        const QString written = folder.isEmpty() ? QStringLiteral("marketing") : folder;
         QStringList expected;
         for (const char* name : images) {
-            const QString path = dir.path() + QLatin1Char('/') + QLatin1String(name);
+            const QString path = written + QLatin1Char('/') + QLatin1String(name);
             const bool settings = QLatin1String(name).startsWith(QLatin1String("settings"));
             const QSize size = settings ? QSize(560, SettingsView::contentHeight() + 30) : QSize(380, 510);
-            const QImage image(path);
+            const QImage image(dir.path() + QLatin1Char('/') + path);
             QCOMPARE(image.size(), size);
             QVERIFY2(!settings || greenPixels(image) > 500, name);  // the selected tab in brand green
             expected << QStringLiteral("wrote %1  (%2x%3)").arg(path).arg(size.width()).arg(size.height());
         }
-        QCOMPARE(run.outLines(), expected << QStringLiteral("screenshots written to ") + dir.path());
+        QCOMPARE(run.outLines(), expected << QStringLiteral("screenshots written to ") + written);
         QCOMPARE(storeContents(), before);
-    }
-
-    void withoutAFolderWritesToMarketingAndLeavesNoSnippets()
-    {
-        // Without an X server, a display that does not answer falls back to offscreen rendering.
-        const QString deadDisplay = qEnvironmentVariableIsSet("DISPLAY") ? QString() : QStringLiteral(":7391");
-        Preferences::shared().remove(QStringLiteral("snippets"));
-        QTemporaryDir dir;
-        const auto run = shots({}, dir.path(), deadDisplay);
-        QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.outLines().last(), QStringLiteral("screenshots written to marketing"));
-        for (const char* name : images)
-            QVERIFY(!QImage(dir.path() + QStringLiteral("/marketing/") + QLatin1String(name)).isNull());
-        QVERIFY(!Preferences::shared().dataValue(QStringLiteral("snippets")));
     }
 };
 

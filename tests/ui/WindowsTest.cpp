@@ -157,20 +157,13 @@ private Q_SLOTS:
 
     void iconIsThreeGreenBars()
     {
-        // Drawn at four pixels per point: three brand-green bars, 3 points wide with 2.5 between them,
-        // centred, each covering its share of the 16-point height.
+        // Across its middle at four pixels per point: three brand-green bars, 3 points wide, 2.5 apart, centred.
         const QImage image = MenuBarController::iconImage(bar.restingHeights(), brandGreen(), 4);
         QString middleRow;
         for (int x = 0; x < image.width(); ++x)
             middleRow += image.pixelColor(x, 32).rgba() == brandGreen().rgba() ? u'#' : image.pixelColor(x, 32).alpha() ? u'?' : u'.';
         const QString bar12(12, u'#'), gap10(10, u'.'), edge8(8, u'.');
         QCOMPARE(middleRow, edge8 + bar12 + gap10 + bar12 + gap10 + bar12 + edge8);
-        for (int i = 0; i < 3; ++i) {
-            int rows = 0;
-            for (int y = 0; y < image.height(); ++y)
-                rows += image.pixelColor(14 + 22 * i, y).alpha() > 127;
-            QVERIFY(std::abs(rows - bar.restingHeights()[i] * 64) <= 1.5);
-        }
         QVERIFY(!bar.trayIcon()->icon().isNull());
         bar.setAmplitude(3);
         bar.stopAnimating();
