@@ -1,5 +1,4 @@
-// The models and the engine for real: synthesised speech through the installed pocketsphinx model,
-// and models installed from archives.
+// Synthesised speech through the installed pocketsphinx model, and models installed from archives.
 
 #include "support/Sound.h"
 #include "support/Speech.h"
@@ -16,7 +15,6 @@
 #include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTemporaryDir>
 #include <QTest>
 
 using TestSupport::await;
@@ -26,27 +24,25 @@ namespace {
 const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
 const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
 
+QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
+
 // The model kept in a folder, offered as en-US and loaded with the given settings.
 class ModelsWithSettings final : public AbstractModelInventory {
 public:
-    ModelsWithSettings(QString folder, PocketsphinxEngine::Settings settings) : folder_(std::move(folder)), settings_(settings) {}
+    QString folder = installedModel();
+    PocketsphinxEngine::Settings settings;
+    std::shared_ptr<PocketsphinxEngine> engine;  // the last one loaded
+
     QCoro::Task<QStringList> supportedLocales() override { co_return QStringList{"en-US"}; }
     QCoro::Task<ModelStatus> status(QString) override { co_return ModelStatus::installed; }
     QCoro::Task<std::optional<ModelSource>> installationRequest(QString) override { co_return std::nullopt; }
     QCoro::Task<void> downloadAndInstall(ModelSource) override { co_return; }
     QCoro::Task<std::shared_ptr<SpeechEngine>> loadEngine(QString locale) override
     {
-        engine = PocketsphinxEngine::load(PocketsphinxEngine::Model::inFolder(folder_, locale).value(), settings_);
+        engine = PocketsphinxEngine::load(PocketsphinxEngine::Model::inFolder(folder, locale).value(), settings);
         co_return std::shared_ptr<SpeechEngine>(engine);
     }
-    std::shared_ptr<PocketsphinxEngine> engine;
-
-private:
-    QString folder_;
-    PocketsphinxEngine::Settings settings_;
 };
-
-QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
 
 // Feeds samples in blocks of the size capture delivers after conversion.
 void feed(TranscriberController& controller, const std::vector<float>& samples, AudioFormat format = {16000, 1})
@@ -64,41 +60,8 @@ QString session(TranscriberController& controller, const std::vector<float>& sam
     return await(controller.finish());
 }
 
-// Whether at least seven in ten of the words said were heard, in order.
-bool heardMost(const QString& said, const QString& heard)
-{
-    const QStringList expected = SpeechTest::words(said);
-    return SpeechTest::wordsInOrder(expected, SpeechTest::words(heard)) * 10 >= expected.size() * 7;
-}
-
-// A small HTTP server on 127.0.0.1 answering every request with the archive; a cut one announces
-// its whole length but sends only half before closing the connection.
-class ArchiveServer : public QObject {
-public:
-    QByteArray archive;
-    bool cut = false;
-
-    ArchiveServer()
-    {
-        server_.listen(QHostAddress::LocalHost);
-        connect(&server_, &QTcpServer::newConnection, this, [this] {
-            QTcpSocket* socket = server_.nextPendingConnection();
-            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
-                if (!socket->peek(socket->bytesAvailable()).contains("\r\n\r\n"))
-                    return;
-                socket->readAll();
-                socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + QByteArray::number(archive.size()) + "\r\n\r\n");
-                socket->write(cut ? archive.left(archive.size() / 2) : archive);
-                socket->disconnectFromHost();
-            });
-        });
-    }
-    QString url() const { return QStringLiteral("http://127.0.0.1:%1/model.tar").arg(server_.serverPort()); }
-
-private:
-    QTcpServer server_;
-};
+// How many of the words said were heard, in order.
+int heard(const QString& said, const QString& text) { return SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(text)); }
 
 // What `tar -c` writes for `members`, run in `folder`.
 QByteArray tar(const QString& folder, const QStringList& members)
@@ -127,7 +90,9 @@ QStringList modelsFolder() { return QDir(tolvaneDataDirectory() + "/models").ent
 class PocketsphinxEngineTest : public QObject {
     Q_OBJECT
     std::vector<float> first_, second_;  // synthesised once, the slow part
-    ArchiveServer server_;
+    QTcpServer server_;                  // answers every request with the archive
+    QByteArray archive_;
+    bool cut_ = false;
 
 private Q_SLOTS:
     void initTestCase()
@@ -136,6 +101,19 @@ private Q_SLOTS:
         second_ = SpeechTest::synthesize(kSecond);
         QVERIFY2(!first_.empty() && !second_.empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
         QVERIFY2(!installedModel().isEmpty(), "pocketsphinx-en-us is needed");
+        QVERIFY(server_.listen(QHostAddress::LocalHost));
+        connect(&server_, &QTcpServer::newConnection, this, [this] {
+            QTcpSocket* socket = server_.nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                if (!socket->peek(socket->bytesAvailable()).contains("\r\n\r\n"))
+                    return;
+                socket->readAll();
+                // A cut download announces the whole length but sends only half before closing.
+                socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + QByteArray::number(archive_.size()) + "\r\n\r\n"
+                              + archive_.left(cut_ ? archive_.size() / 2 : archive_.size()));
+                socket->disconnectFromHost();
+            });
+        });
     }
 
     void transcribesBySegmentsAndTheTrimmedDictionaryHearsWhatTheWholeOneHears()
@@ -144,7 +122,6 @@ private Q_SLOTS:
         QStringList committed;  // read once finish() has ended the results thread
         controller.onPartial = [&](QString text, QString) { committed << text; };
         await(controller.prepare(QStringLiteral("en-us")));
-        QCOMPARE(controller.analyzerFormat(), std::optional<AudioFormat>(AudioFormat{16000, 1}));
 
         // Audio in another format is dropped and said so; the two sentences after it, with a pause
         // long enough for the voice-activity end between them, are heard.
@@ -156,40 +133,30 @@ private Q_SLOTS:
         audio.insert(audio.end(), second_.begin(), second_.end());
         feed(controller, audio);
         const QString text = await(controller.finish());
-        qInfo("heard: %s", qPrintable(text));
-        QVERIFY2(heardMost(kFirst + QLatin1Char(' ') + kSecond, text), qPrintable(text));
+        QVERIFY2(heard(kFirst + ' ' + kSecond, text) >= 11, qPrintable(text));  // of 15
         QVERIFY(mark.messages().contains("transcriber: dropping audio in 44100.0Hz/2ch; the recognizer takes 16000.0Hz/1ch"));
         // No fallback to the whole dictionary, or the comparison below would prove nothing.
         QVERIFY2(mark.messages().filter("whole dictionary").isEmpty(), qPrintable(mark.messages().join('\n')));
 
         // The pause ended the first segment: its words were committed before the second's.
-        committed.removeAll(QString());
-        const QString firstCommit = committed.value(0);
-        QVERIFY2(SpeechTest::wordsInOrder(SpeechTest::words(kSecond), SpeechTest::words(firstCommit)) <= 1, qPrintable(firstCommit));
-        QVERIFY(SpeechTest::wordsInOrder(SpeechTest::words(kFirst), SpeechTest::words(firstCommit)) >= 5);
+        const QString firstCommit = committed.value(committed.lastIndexOf(QString()) + 1);
+        QVERIFY2(heard(kSecond, firstCommit) <= 1 && heard(kFirst, firstCommit) >= 5, qPrintable(firstCommit));
 
-        PocketsphinxEngine::Settings whole;
-        whole.trimDictionary = false;
-        TranscriberController wholeDictionary(std::make_shared<ModelsWithSettings>(installedModel(), whole));
+        auto whole = std::make_shared<ModelsWithSettings>();
+        whole->settings.trimDictionary = false;
+        TranscriberController wholeDictionary(whole);
         await(wholeDictionary.prepare(QStringLiteral("en-US")));
         QCOMPARE(session(wholeDictionary, audio), text);
     }
 
     void releasesAnUnusedModelAndLoadsItAgainWithoutLosingSpeech()
     {
-        // The installed model, seen through links that can be taken away and put back.
-        const QDir installed(installedModel());
-        QTemporaryDir dir(qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + "/model-XXXXXX");
-        auto link = [&](bool on) {
-            for (const QString& name : installed.entryList(QDir::AllEntries | QDir::NoDotAndDotDot))
-                if (!(on ? QFile::link(installed.filePath(name), dir.filePath(name)) : QFile::remove(dir.filePath(name))))
-                    return false;
-            return true;
-        };
-        QVERIFY(link(true));
-        PocketsphinxEngine::Settings settings;
-        settings.keepLoaded = std::chrono::milliseconds(200);
-        auto models = std::make_shared<ModelsWithSettings>(dir.path(), settings);
+        // The installed model, seen through a link that can be taken away and put back.
+        const QString link = AudioTest::sandboxPath(QStringLiteral("linked-model"));
+        QVERIFY(QFile::link(installedModel(), link));
+        auto models = std::make_shared<ModelsWithSettings>();
+        models->folder = link;
+        models->settings.keepLoaded = std::chrono::milliseconds(200);
         TranscriberController controller(models);
         await(controller.prepare(QStringLiteral("en-US")));
         const std::shared_ptr<PocketsphinxEngine> engine = models->engine;
@@ -197,22 +164,22 @@ private Q_SLOTS:
         QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
 
         // Gone while released, the model fails only the session that needed it.
-        QVERIFY(link(false));
+        QVERIFY(QFile::remove(link));
         TestSupport::LogMark mark;
         QCOMPARE(session(controller, first_), QString());
-        QVERIFY2(mark.messages().contains("transcriber: results stream error: Could not load the speech model in " + QDir(dir.path()).absolutePath()),
+        QVERIFY2(mark.messages().contains("transcriber: results stream error: Could not load the speech model in " + link),
                  qPrintable(mark.messages().join('\n')));
 
         // Put back, it serves the next session: all of whose speech arrives before the decoding
         // thread has loaded the model, and which keeps the model while it outlasts the keep-alive.
-        QVERIFY(link(true));
+        QVERIFY(QFile::link(installedModel(), link));
         await(controller.start());
         feed(controller, first_);
         QVERIFY(TestSupport::waitUntil([&] { return engine->isLoaded(); }, 10000));
         QTest::qWait(400);
         QVERIFY(engine->isLoaded());
-        const QString heard = await(controller.finish());
-        QVERIFY2(heardMost(kFirst, heard), qPrintable(heard));
+        const QString text = await(controller.finish());
+        QVERIFY2(heard(kFirst, text) >= 7, qPrintable(text));  // of 10
         QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
     }
 
@@ -257,13 +224,13 @@ private Q_SLOTS:
             QVERIFY(QProcess::execute("cp", {"-r", AudioTest::sandboxPath("archives/en-gb-model/."), models + "/.partial-en-gb-abc123/en-GB"}) == 0);
             QVERIFY(!inventory.installedLocales().contains("en-GB"));
         }
-        server_.archive = archive;
-        server_.cut = via == "cut";
+        archive_ = archive;
+        cut_ = via == "cut";
         QFile file(AudioTest::sandboxPath("model.tar"));
         QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(archive) == archive.size());
         file.close();
         const QString sum = QString::fromLatin1(QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex());
-        const ModelSource source{"en-GB", via == "file" ? file.fileName() : server_.url(), rightSum ? sum : QString(64, '0')};
+        const ModelSource source{"en-GB", via == "file" ? file.fileName() : QString("http://127.0.0.1:%1/model.tar").arg(server_.serverPort()), rightSum ? sum : QString(64, '0')};
         Preferences::shared().setValue(Settings::speechModelCatalog,
                                        QString(R"([{"locale": "en-GB", "url": "%1", "sha256": "%2"}])").arg(source.url, source.sha256));
         QCOMPARE(await(inventory.status("en-gb")), ModelStatus::supported);

@@ -24,6 +24,9 @@ QByteArray entries(const QString& path)
 
 class PronouncingDictionaryTest : public QObject {
     Q_OBJECT
+    QTemporaryDir dir_{qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + "/dictionary-XXXXXX"};
+    const QString dict_ = dir_.filePath("words.dict"), lm_ = dir_.filePath("words.lm.bin"), cache_ = dir_.filePath("cache");
+
 private Q_SLOTS:
     void keepsEveryPronunciationOfKnownWordsOnly()
     {
@@ -35,23 +38,21 @@ private Q_SLOTS:
 
     void makesTheCopyOnceAndAgainWhenItsSourcesChange()
     {
-        QTemporaryDir dir(qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + "/dictionary-XXXXXX");
-        const QString dict = dir.filePath("words.dict"), lm = dir.filePath("words.lm.bin"), cache = dir.filePath("cache/dictionaries");
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\n") && write(lm, "a language model"));
+        QVERIFY(write(dict_, "one W AH N\ntwo T UW\nthree TH R IY\n") && write(lm_, "a language model"));
         int reads = 0;
-        auto wordsOf = [&](const QString& path) {
-            ++reads;
-            return path == lm ? QSet<QByteArray>{"one", "three", "four"} : QSet<QByteArray>{};
+        auto trimmed = [&] {
+            return PronouncingDictionary::trimmedFor(dict_, lm_, cache_, [&](const QString& path) {
+                ++reads;
+                return path == lm_ ? QSet<QByteArray>{"one", "three", "four"} : QSet<QByteArray>{};
+            });
         };
-        auto trimmed = [&] { return PronouncingDictionary::trimmedFor(dict, lm, cache, wordsOf); };
-
         const auto first = trimmed();
-        QVERIFY2(first.problem.isEmpty() && first.path.startsWith(cache), qPrintable(first.problem));
+        QVERIFY2(first.problem.isEmpty() && first.path.startsWith(cache_), qPrintable(first.problem));
         QCOMPARE(entries(first.path), QByteArray("one W AH N\nthree TH R IY\n"));
         QCOMPARE(trimmed().path, first.path);
         QCOMPARE(reads, 1);
         // A changed dictionary is trimmed again, and so is a copy damaged on disk.
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
+        QVERIFY(write(dict_, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
         QVERIFY(write(first.path, "garbage"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
@@ -60,29 +61,25 @@ private Q_SLOTS:
 
     void fallsBackToTheWholeDictionary_data()
     {
-        QTest::addColumn<QString>("dictionaryName");
+        QTest::addColumn<QString>("dictionary");
         QTest::addColumn<QSet<QByteArray>>("vocabulary");
-        QTest::addColumn<QString>("cacheName");
-        QTest::addColumn<QString>("problemStart");
-        QTest::newRow("unreadable model") << "words.dict" << QSet<QByteArray>() << "cache" << "cannot read the words of ";
-        QTest::newRow("no word in common") << "words.dict" << QSet<QByteArray>{"zebra"} << "cache" << "no word of the dictionary is in ";
-        // A file where the cache folder should be: nothing can be written under it.
-        QTest::newRow("cache not writable") << "words.dict" << QSet<QByteArray>{"one"} << "words.dict" << "cannot write ";
-        QTest::newRow("missing dictionary") << "absent.dict" << QSet<QByteArray>{"one"} << "cache" << "cannot read ";
+        QTest::addColumn<QString>("cache");
+        QTest::addColumn<QString>("problem");
+        QTest::newRow("unreadable model") << dict_ << QSet<QByteArray>() << cache_ << "cannot read the words of ";
+        QTest::newRow("no word in common") << dict_ << QSet<QByteArray>{"zebra"} << cache_ << "no word of the dictionary is in ";
+        QTest::newRow("cache not writable") << dict_ << QSet<QByteArray>{"one"} << dict_ + "/cache" << "cannot write ";  // under a file
+        QTest::newRow("missing dictionary") << dir_.filePath("absent.dict") << QSet<QByteArray>{"one"} << cache_ << "cannot read ";
     }
     void fallsBackToTheWholeDictionary()
     {
-        QFETCH(QString, dictionaryName);
+        QFETCH(QString, dictionary);
         QFETCH(QSet<QByteArray>, vocabulary);
-        QFETCH(QString, cacheName);
-        QFETCH(QString, problemStart);
-        QTemporaryDir dir(qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + "/dictionary-XXXXXX");
-        QVERIFY(write(dir.filePath("words.dict"), "one W AH N\n"));
-        const auto trimmed = PronouncingDictionary::trimmedFor(dir.filePath(dictionaryName), dir.filePath("words.lm.bin"),
-                                                               dir.filePath(cacheName), [&](const QString&) { return vocabulary; });
-        QCOMPARE(trimmed.path, dir.filePath(dictionaryName));
-        QVERIFY2(trimmed.problem.startsWith(problemStart), qPrintable(trimmed.problem));
-        QCOMPARE(entries(dir.filePath("words.dict")), QByteArray("one W AH N\n"));
+        QFETCH(QString, cache);
+        QFETCH(QString, problem);
+        QVERIFY(write(dict_, "one W AH N\n"));
+        const auto trimmed = PronouncingDictionary::trimmedFor(dictionary, lm_, cache, [&](const QString&) { return vocabulary; });
+        QCOMPARE(trimmed.path, dictionary);
+        QVERIFY2(trimmed.problem.startsWith(problem), qPrintable(trimmed.problem));
     }
 };
 
