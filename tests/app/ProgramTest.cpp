@@ -1,12 +1,12 @@
 // The tolvane program as a user meets it from a shell, run as a black box without a display.
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
+#include "support/Sound.h"
 #include "support/Speech.h"
 #include "support/TestSupport.h"
 #include "text/CleanupEngine.h"
 
 #include <QJsonArray>
-#include <QTemporaryDir>
 #include <QTest>
 
 using TestSupport::ProgramRun;
@@ -27,13 +27,12 @@ const QString said = QStringLiteral("remind me to call the dentist tomorrow morn
 
 class ProgramTest : public QObject {
     Q_OBJECT
-    QTemporaryDir dir_;
     QString speechWav_;  // 48 kHz stereo
 
 private Q_SLOTS:
     void initTestCase()
     {
-        speechWav_ = dir_.filePath(QStringLiteral("speech-48k-stereo.wav"));
+        speechWav_ = AudioTest::sandboxPath(QStringLiteral("speech-48k-stereo.wav"));
         QVERIFY2(!SpeechTest::synthesize(said, speechWav_, 48000, 2).empty(),
                  "festival (text2wave with festvox-us-slt-hts) and sox are needed");
     }
@@ -58,8 +57,8 @@ private Q_SLOTS:
             "tolvane: unknown cleanup mode “shout”; use raw, tidy, bullets or summary\n");
         row("no display", {}, 1, "tolvane: no graphical session (DISPLAY is not set)" + elsewhere);
         row("display that does not answer", {}, 1, "tolvane: cannot open the display :4093" + elsewhere, ":4093");
-        row("missing sound file", {"--transcribe", dir_.filePath(QStringLiteral("missing.wav"))}, 1,
-            QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(dir_.filePath(QStringLiteral("missing.wav"))));
+        const QString missing = AudioTest::sandboxPath(QStringLiteral("missing.wav"));
+        row("missing sound file", {"--transcribe", missing}, 1, QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(missing));
         row("not a sound file", {"--transcribe", TestSupport::tolvaneBinary()}, 1, "tolvane: Cannot read the audio file");
         row("unsupported language", {"--transcribe", speechWav_, "--locale", "xx-XX"}, 1,
             "tolvane: Locale xx-XX is not supported by the on-device SpeechTranscriber.\n");

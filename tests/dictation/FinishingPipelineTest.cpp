@@ -7,24 +7,20 @@
 #include "text/SnippetStore.h"
 
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTest>
 
 using Mode = AppDelegate::Mode;
 
 namespace {
 
+// The texts in the history file, as another run of the program would read them.
 QStringList history()
 {
     TranscriptStore::shared().waitForWrites();
-    QFile file(TranscriptStore::fileURL());
-    QStringList out;
-    for (const QByteArray& line : file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>()) {
-        if (!line.isEmpty())
-            out << QJsonDocument::fromJson(line).object().value(QLatin1String("text")).toString();
-    }
-    return out;
+    QStringList texts;
+    for (const TranscriptEntry& entry : TranscriptStore(TranscriptStore::fileURL()).entries())
+        texts << entry.text;
+    return texts;
 }
 
 QStringList insertions(const Journal& journal) { return journal.calls.filter(QStringLiteral("injector.")); }
