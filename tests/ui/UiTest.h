@@ -7,7 +7,6 @@
 #include <QLineEdit>
 #include <QProcess>
 #include <QTest>
-#include <QWidget>
 
 using TestSupport::waitUntil;
 
@@ -28,10 +27,7 @@ QList<T*> shown(const QWidget* parent, const char* name)
     return out;
 }
 
-inline void click(QWidget* w)
-{
-    QTest::mouseClick(w, Qt::LeftButton);
-}
+inline void click(QWidget* w) { QTest::mouseClick(w, Qt::LeftButton); }
 
 inline void typeInto(QLineEdit* field, const QString& text)
 {
@@ -44,9 +40,9 @@ inline void typeInto(QLineEdit* field, const QString& text)
 inline QString windowProperties(QWidget* window)
 {
     QProcess xprop;
-    xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()),
+    xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()), QStringLiteral("WM_HINTS"),
                                           QStringLiteral("_NET_WM_WINDOW_TYPE"), QStringLiteral("_NET_WM_STATE"),
-                                          QStringLiteral("_NET_WM_DESKTOP"), QStringLiteral("WM_HINTS")});
+                                          QStringLiteral("_NET_WM_DESKTOP")});
     xprop.waitForFinished(5000);
     return QString::fromUtf8(xprop.readAllStandardOutput());
 }
