@@ -21,10 +21,7 @@ using State = WaveformPanelView::State;
 namespace {
 
 // The idle pill's frame where placement puts it; a null rectangle when it stays where it is.
-QRectF pillAt(std::optional<QPoint> origin)
-{
-    return origin ? QRectF(*origin, QSizeF(46, 22)) : QRectF();
-}
+QRectF pillAt(std::optional<QPoint> origin) { return origin ? QRectF(*origin, QSizeF(46, 22)) : QRectF(); }
 
 // The view drawn into an image; pixels are read in points, whatever the scale.
 struct Drawn {
@@ -42,26 +39,22 @@ struct Drawn {
 };
 
 // A user's pointer and the keyboard focus, on the test's own X connection.
-Display* x11()
-{
-    static Display* dpy = XOpenDisplay(nullptr);
-    return dpy;
-}
+Display* const x11 = XOpenDisplay(nullptr);
 
 Window focusedWindow()
 {
     Window w = 0;
     int revert = 0;
-    XGetInputFocus(x11(), &w, &revert);
+    XGetInputFocus(x11, &w, &revert);
     return w;
 }
 
 void pointer(QPoint p, std::optional<bool> buttonDown = {})
 {
-    XTestFakeMotionEvent(x11(), -1, p.x(), p.y(), CurrentTime);
+    XTestFakeMotionEvent(x11, -1, p.x(), p.y(), CurrentTime);
     if (buttonDown)
-        XTestFakeButtonEvent(x11(), 1, *buttonDown, CurrentTime);
-    XSync(x11(), False);
+        XTestFakeButtonEvent(x11, 1, *buttonDown, CurrentTime);
+    XSync(x11, False);
     QTest::qWait(15);
 }
 
@@ -124,7 +117,7 @@ private Q_SLOTS:
         QVERIFY(qFuzzyCompare(a.displayedAmp, 0.12));  // 12 % of the way per frame
         for (int i = 0; i < 300; ++i)
             a.stepListening(22);
-        QVERIFY(a.currentHeights[1] > 8 && a.currentHeights[1] <= 14);
+        QVERIFY(a.currentHeights[1] > 8 && a.currentHeights[1] <= 14);  // the middle bar stands tall
         // Under the gate counts as silence: the level falls every frame down to the resting bars.
         a.amplitude = 0.02;
         for (int i = 0; i < 300; ++i) {
@@ -152,9 +145,8 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitForWindowExposed(&view));
         view.enterListening(false);
         view.setAmplitude(7);  // out of range: clamped
-        QCOMPARE(view.amplitude(), 1.0);
         // The frame clock drives the bars: tall, bright and vertically centred.
-        QVERIFY(waitUntil([&] { return view.animation().displayedAmp > 0.9; }));
+        QVERIFY(view.amplitude() == 1 && waitUntil([&] { return view.animation().displayedAmp > 0.9; }));
         const QRectF middle = view.barRects()[1];
         QVERIFY(middle.height() > 8 && std::abs(middle.center().y() - 11) < 1e-9);
         Drawn d(view);
@@ -252,7 +244,6 @@ private Q_SLOTS:
         overlay.setMode(true);
         QTest::qWait(50);
         QVERIFY(appFocused());
-
         // The insert button at the left end, the discard button at the right end.
         const QPoint origin = frame(overlay).topLeft();
         for (const QPoint button : {QPoint(10, 11), QPoint(58, 11)}) {
@@ -261,7 +252,6 @@ private Q_SLOTS:
         }
         QVERIFY(waitUntil([&] { return accepted == 1 && cancelled == 1; }));
         QVERIFY(appFocused() && !QGuiApplication::focusWindow());
-
         // Dragging the background between the bars moves the pill, and the new place is kept.
         const QPoint grab = origin + QPoint(34, 11);
         pointer(grab, true);
@@ -269,7 +259,7 @@ private Q_SLOTS:
             pointer(grab + QPoint(20 * step, 30 * step));
         pointer(grab + QPoint(200, 300), false);
         QVERIFY(waitUntil([&] { return frame(overlay).topLeft() == origin + QPoint(200, 300); }));
-        QCOMPARE(accepted + cancelled, 2);
+        QVERIFY(accepted == 1 && cancelled == 1);
         overlay.beginProcessing();
         overlay.resetToIdle();
         QTest::qWait(30);

@@ -1,6 +1,4 @@
-// The tray icon and its menu, filled from the shared transcript history, and the Settings,
-// comparison and About windows, on a real X server: built once and kept, the Settings window's
-// self-hiding and taskbar switch, the comparison window's arming.
+// The Settings, comparison and About windows and the tray menu that opens them, on a real X server.
 #include "UiTest.h"
 #include "dictation/CompareModel.h"
 #include "storage/Preferences.h"
@@ -35,9 +33,8 @@ QStringList seen(const QMenu* menu)
 
 void clickItem(QMenu* menu, QAction* item)
 {
-    const QPoint at = menu->actionGeometry(item).center();
-    QTest::mouseMove(menu, at);
-    QTest::mouseClick(menu, Qt::LeftButton, {}, at);
+    QTest::mouseMove(menu, menu->actionGeometry(item).center());
+    QTest::mouseClick(menu, Qt::LeftButton, {}, menu->actionGeometry(item).center());
 }
 
 bool open(QMenu* menu)
@@ -78,7 +75,6 @@ private Q_SLOTS:
         QVERIFY(controller.window() == window && controller.view()->tabPill(SettingsView::Pane::history)->selected());
         QVERIFY(!controller.view()->tabPill(SettingsView::Pane::general)->selected());
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
-
         // Another window takes the focus and gives it back quickly: the Settings window stays.
         QWidget other;
         other.resize(200, 100);
@@ -92,7 +88,6 @@ private Q_SLOTS:
         // It keeps the focus elsewhere: the Settings window goes away by itself.
         other.activateWindow();
         QVERIFY(waitUntil([&] { return !window->isVisible(); }));
-
         // The taskbar switch re-creates the window out of (and back into) the taskbar, still in front.
         Preferences::shared().setShowDockIcon(true);
         controller.view()->setPane(SettingsView::Pane::general);
@@ -120,7 +115,6 @@ private Q_SLOTS:
         window->close();
         about.show();
         QVERIFY(about.window() == window && window->isVisible());
-
         // Comparison: armed, it waits on top; results fill it; armed again, the same window waits empty.
         CompareWindowController compare;
         compare.arm();
@@ -138,10 +132,8 @@ private Q_SLOTS:
         CompareModel& model = compare.model();
         model.setArmed(false);
         model.setStatus(QStringLiteral("Done."));
-        model.setRaw(QStringLiteral("raw words"));
-        model.setTidy(QStringLiteral("Raw words."));
-        model.setBullets(QStringLiteral("- raw words"));
-        model.setSummary(QStringLiteral("Words."));
+        model.setRaw(QStringLiteral("raw words")), model.setTidy(QStringLiteral("Raw words."));
+        model.setBullets(QStringLiteral("- raw words")), model.setSummary(QStringLiteral("Words."));
         QCOMPARE(seen(), QStringLiteral("[Done.]|raw words|Raw words.|- raw words|Words."));
         window->close();
         compare.arm();
@@ -195,7 +187,6 @@ private Q_SLOTS:
         QGuiApplication::clipboard()->setText(QStringLiteral("before"));
         TranscriptStore::shared().append(QStringLiteral("older"));
         TranscriptStore::shared().append(QStringLiteral("line one\nline two & more"));
-
         // Open the menu as a user does; the submenu is filled as it opens.
         QVERIFY(open(bar.menu()));
         clickItem(bar.menu(), bar.recentMenu()->menuAction());
@@ -205,12 +196,10 @@ private Q_SLOTS:
                                                      QStringLiteral("line one line two && more"), QStringLiteral("older")}));
         QCOMPARE(bar.recentMenu()->actions()[2]->toolTip(), QStringLiteral("line one\nline two & more"));
         clickItem(bar.recentMenu(), bar.recentMenu()->actions().first());  // the header copies nothing
-        QTest::qWait(50);
-        QCOMPARE(clipboard(), QStringLiteral("before"));
+        QVERIFY(!waitUntil([] { return clipboard() != QStringLiteral("before"); }, 50));
         clickItem(bar.recentMenu(), bar.recentMenu()->actions().at(2));
         QVERIFY(waitUntil([] { return clipboard() == QStringLiteral("line one\nline two & more"); }));
         QVERIFY(waitUntil([&] { return !bar.menu()->isVisible(); }));
-
         // A transcript saved while the menu was closed comes first the next time it opens.
         TranscriptStore::shared().append(QStringLiteral("newest"));
         QVERIFY(open(bar.menu()));
@@ -235,7 +224,6 @@ private Q_SLOTS:
         bar.onCheckForUpdates = note("updates"), bar.onCompare = note("compare");
         triggerAllButQuit();
         QCOMPARE(called.join(u' '), QStringLiteral("about settings updates compare"));
-
         // Ctrl+, and Ctrl+Q answer while the menu is open; Quit ends the application's loop with 0.
         QVERIFY(open(bar.menu()));
         QTest::keyClick(bar.menu(), Qt::Key_Comma, Qt::ControlModifier);
