@@ -321,11 +321,11 @@ private Q_SLOTS:
         TranscriberController controller;
         QStringList committed;  // read once finish() has ended the results thread
         controller.onPartial = [&](QString text, QString) { committed << text; };
+        TestSupport::LogMark mark;
         await(controller.prepare(QStringLiteral("en-us")));
 
         // Audio in another format is dropped and said so; the two sentences after it, with a pause
         // long enough for the voice-activity end between them, are heard.
-        TestSupport::LogMark mark;
         await(controller.start());
         feed(controller, first_, {44100, 2});
         std::vector<float> audio = first_;
