@@ -1,7 +1,6 @@
 #pragma once
 
-// What the ui tests share: widgets found by object name, a user's clicks and typing, and what a
-// window manager reads from a window.
+// What the ui tests share: widgets by object name, a user's clicks and typing, a window's X properties.
 #include "support/TestSupport.h"
 
 #include <QLineEdit>

@@ -1,5 +1,5 @@
-// The Settings panes, the Settings, comparison and About windows and the tray menu that opens them,
-// driven on a real X server as a user drives them.
+// The tray menu and what it opens: the Settings window and its panes, the comparison and About
+// windows and the update check, driven on a real X server as a user drives them.
 #include "UiTest.h"
 #include "dictation/CompareModel.h"
 #include "storage/Preferences.h"
@@ -19,9 +19,11 @@
 #include "ui/TabPill.h"
 #include "ui/Theme.h"
 #include "ui/ToggleSwitch.h"
+#include "ui/UpdateChecker.h"
 
 #include <QClipboard>
 #include <QComboBox>
+#include <QFile>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QMenu>
@@ -59,14 +61,13 @@ QStringList replacements()
     return out;
 }
 
-
 // The menu as the user reads it: disabled items marked, separators as "—".
-QStringList seen(const QMenu* menu)
+QString seen(const QMenu* menu)
 {
     QStringList out;
     for (const QAction* a : menu->actions())
         out << (a->isSeparator() ? QStringLiteral("—") : (a->isEnabled() ? QString() : QStringLiteral("(off) ")) + a->text());
-    return out;
+    return out.join(u'|');
 }
 
 void clickItem(QMenu* menu, QAction* item)
@@ -91,14 +92,30 @@ QList<bool> outOfTheTaskbar(QWidget* window)
             props.contains(QStringLiteral("_NET_WM_STATE_SKIP_TASKBAR"))};
 }
 
+// A feed file in the sandbox, as a file:// address.
+QString feedFile(const QByteArray& body)
+{
+    static int n = 0;
+    const QString path = qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + QStringLiteral("/feed-%1").arg(++n);
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly) && f.write(body) == body.size() ? QUrl::fromLocalFile(path).toString() : QString();
+}
+
 }  // namespace
 
 class WindowsTest : public QObject {
     Q_OBJECT
+    using Outcome = UpdateChecker::Result::Outcome;
     MenuBarController bar;
+    FakeLlmServer server, silent;  // an HTTP server that is no feed, and one that never answers
 
 private Q_SLOTS:
-    void initTestCase() { bar.install(); }
+    void initTestCase()
+    {
+        bar.install();
+        QVERIFY(server.listen() && silent.listen());
+        silent.answerModelList = false;
+    }
 
     void snippetsAreAddedAndDeletedAtOnce()
     {
@@ -153,7 +170,7 @@ private Q_SLOTS:
         // Copy puts the text on the clipboard and moves the mark to the button clicked.
         for (int i : {0, 1}) {
             click(shown(&pane, "copyButton")[i]);
-            QCOMPARE(QGuiApplication::clipboard()->text(), QLatin1String(i == 0 ? "newer" : "older"));
+            QCOMPARE(clipboard(), QLatin1String(i == 0 ? "newer" : "older"));
             const auto buttons = shown<QToolButton>(&pane, "copyButton");
             QVERIFY(buttons[i]->text() == QLatin1String("Copied") && buttons[1 - i]->text() == QLatin1String("Copy"));
         }
@@ -271,7 +288,6 @@ private Q_SLOTS:
         // Start at login shows the real state: with a file where the autostart folder should be,
         // registering fails and the switch stays off.
         const QString folder = QFileInfo(Preferences::autostartFilePath()).absolutePath();
-        QDir().mkpath(QFileInfo(folder).absolutePath());
         QVERIFY(QFile(folder).open(QIODevice::WriteOnly));
         auto* atLogin = child<ToggleSwitch>(&pane, "startAtLoginSwitch");
         for (const bool works : {false, true}) {
@@ -300,14 +316,12 @@ private Q_SLOTS:
         QVERIFY(waitUntil([&] { return controller.isKeyWindow(); }));
         // Another window takes the focus and gives it back quickly: the Settings window stays.
         QWidget other;
-        other.resize(200, 100);
         other.show();
         other.activateWindow();
         QVERIFY(waitUntil([&] { return other.isActiveWindow() && controller.hidePending(); }));
         controller.show();
         QVERIFY(waitUntil([&] { return controller.isKeyWindow() && !controller.hidePending(); }));
-        QTest::qWait(400);
-        QVERIFY(window->isVisible());
+        QVERIFY(!waitUntil([&] { return !window->isVisible(); }, 400));
         // It keeps the focus elsewhere: the Settings window goes away by itself.
         other.activateWindow();
         QVERIFY(waitUntil([&] { return !window->isVisible(); }));
@@ -319,8 +333,7 @@ private Q_SLOTS:
             click(child(window, "taskbarSwitch"));
             QCOMPARE(Preferences::shared().showDockIcon(), shown);
             QVERIFY(waitUntil([&] { return outOfTheTaskbar(window) == QList<bool>(3, !shown) && controller.isKeyWindow(); }));
-            QTest::qWait(400);
-            QVERIFY(window->isVisible());
+            QVERIFY(!waitUntil([&] { return !window->isVisible(); }, 400));
         }
     }
 
@@ -362,6 +375,80 @@ private Q_SLOTS:
         compare.arm();
         QVERIFY(compare.window() == window && window->isVisible());
         QCOMPARE(seen(), waiting);
+    }
+
+    void outcomes_data()
+    {
+        QTest::addColumn<QString>("running");
+        QTest::addColumn<QString>("feed");
+        QTest::addColumn<Outcome>("outcome");
+        QTest::addColumn<QString>("says");
+        const auto row = [](const char* name, const char* running, const QString& feed, Outcome outcome, const char* says) {
+            QTest::newRow(name) << QString::fromLatin1(running) << feed << outcome << QString::fromUtf8(says);
+        };
+        // Versions order as releases do.
+        row("numeric, not text", "1.0.9", feedFile("1.0.10"), Outcome::newer, "Tolvane 1.0.10 is available; you have 1.0.9.");
+        row("older", "1.0.5", feedFile("v1.0.4\n"), Outcome::upToDate, "Tolvane 1.0.5 is the newest version.");
+        row("v prefix, missing part", "1.2.0", feedFile("v1.2"), Outcome::upToDate, "newest");
+        row("pre-release before its release", "2.0.0", feedFile("2.0.0-rc1"), Outcome::upToDate, "newest");
+        row("pre-release after older", "1.9.9", feedFile("2.0.0-rc1"), Outcome::newer, "2.0.0-rc1 is available");
+        row("build ignored", "1.0.5", feedFile("1.0.5+build7"), Outcome::upToDate, "newest");
+        // Feeds in their usual shapes.
+        row("object with notes", "1.0.5", feedFile("{\"version\": \"1.2.0\", \"url\": \"https://example.org/1.2.0\"}"),
+            Outcome::newer, "Update it through your package manager.\n\nRelease notes: https://example.org/1.2.0");
+        row("release API", "1.0.5", feedFile("{\"tag_name\": \"v1.3.1\", \"html_url\": \"https://x\"}"), Outcome::newer,
+            "1.3.1 is available; you have 1.0.5. Update it through your package manager.\n\nRelease notes: https://x");
+        row("list, newest wins", "1.2", feedFile("[{\"tag_name\": \"v1.1\"}, {\"tag_name\": \"v1.10\"}, {\"tag_name\": \"nightly\"}]"),
+            Outcome::newer, "Tolvane 1.10 is available");
+        row("appcast", "1.0.5", feedFile(
+            "<?xml version=\"1.0\"?><rss version=\"2.0\" xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
+            "<channel><title>Tolvane</title>"
+            "<item><title>Tolvane 1.1.0</title><link>https://example.org/1.1.0</link>"
+            "<enclosure url=\"https://example.org/t.tar.gz\" sparkle:version=\"110\" sparkle:shortVersionString=\"1.1.0\"/></item>"
+            "<item><sparkle:shortVersionString>1.2.0</sparkle:shortVersionString><link>https://example.org/1.2.0</link></item>"
+            "<item><title>Tolvane 0.9</title></item></channel></rss>"),
+            Outcome::newer, "Tolvane 1.2.0 is available; you have 1.0.5. Update it through your package manager.\n\n"
+            "Release notes: https://example.org/1.2.0");
+        // Feeds that name no version.
+        row("empty", "1.0.5", feedFile(""), Outcome::unreadable, "empty");
+        row("broken JSON", "1.0.5", feedFile("{\"version\": "), Outcome::unreadable, "JSON");
+        row("JSON without a version", "1.0.5", feedFile("{\"name\": \"Tolvane\"}"), Outcome::unreadable, "version");
+        row("items without versions", "1.0.5", feedFile("<rss><channel><item><title>soon</title></item>"), Outcome::unreadable, "");
+        row("a web page", "1.0.5", feedFile("<html><body>Moved</body></html>"), Outcome::unreadable, "names no version");
+        row("prose", "1.0.5", feedFile("hello there"), Outcome::unreadable, "names no version");
+        row("not a feed over HTTP", "1.0.5", server.endpoint() + QStringLiteral("/models"), Outcome::unreadable, "names no version");
+        // Feeds that cannot be reached, or none at all.
+        row("missing page", "1.0.5", server.endpoint() + QStringLiteral("/feed"), Outcome::unreachable, "answered 404");
+        row("nobody listens", "1.0.5", FakeLlmServer::closedEndpoint(), Outcome::unreachable, "could not reach");
+        row("never answers", "1.0.5", silent.endpoint() + QStringLiteral("/models"), Outcome::unreachable, "no answer");
+        row("not http", "1.0.5", QStringLiteral("ftp://127.0.0.1/feed"), Outcome::unreachable, "not an http");
+        row("unset", "1.0.5", QStringLiteral(" "), Outcome::notConfigured, "updateFeedUrl");
+    }
+    void outcomes()
+    {
+        QFETCH(QString, running);
+        QFETCH(QString, feed);
+        QFETCH(Outcome, outcome);
+        QFETCH(QString, says);
+        UpdateChecker checker(running);
+        checker.setTimeout(300);
+        const UpdateChecker::Result r = TestSupport::await(checker.check(feed));
+        QCOMPARE(r.outcome, outcome);
+        QVERIFY2(r.message.contains(says), qPrintable(r.message));
+    }
+
+    void theUsersCheckReadsTheSettingAndShowsTheAnswer()
+    {
+        Preferences::shared().setValue(Settings::updateFeedUrl, server.endpoint() + QStringLiteral("/models"));
+        server.requests.clear();
+        UpdateChecker checker(QStringLiteral("1.0.5"));
+        checker.checkAndReport();
+        QVERIFY(checker.isChecking());
+        checker.checkAndReport();  // a second click while checking starts nothing new
+        QVERIFY(waitUntil([&] { return checker.reportBox() && checker.reportBox()->isVisible(); }));
+        QVERIFY(checker.reportBox()->text().contains(QStringLiteral("names no version")));
+        QCOMPARE(checker.reportBox()->icon(), QMessageBox::Warning);
+        QVERIFY(server.requests.size() == 1 && !waitUntil([&] { return server.requests.size() > 1; }, 50));
     }
 
     void iconIsThreeGreenBars()
@@ -407,7 +494,7 @@ private Q_SLOTS:
         Preferences::shared().setHistoryEnabled(true);
         Preferences::shared().setHistoryRetention(10);
         bar.rebuildRecentMenu();
-        QCOMPARE(seen(bar.recentMenu()), QStringList{QStringLiteral("(off) No transcripts yet")});
+        QCOMPARE(seen(bar.recentMenu()), QStringLiteral("(off) No transcripts yet"));
         QGuiApplication::clipboard()->setText(QStringLiteral("before"));
         TranscriptStore::shared().append(QStringLiteral("older"));
         TranscriptStore::shared().append(QStringLiteral("line one\nline two & more"));
@@ -416,8 +503,7 @@ private Q_SLOTS:
         clickItem(bar.menu(), bar.recentMenu()->menuAction());
         QVERIFY(waitUntil([&] { return bar.recentMenu()->isVisible(); }));
         QVERIFY(QTest::qWaitForWindowExposed(bar.recentMenu()));
-        QCOMPARE(seen(bar.recentMenu()), (QStringList{QStringLiteral("(off) Click to copy"), QStringLiteral("—"),
-                                                     QStringLiteral("line one line two && more"), QStringLiteral("older")}));
+        QCOMPARE(seen(bar.recentMenu()), QStringLiteral("(off) Click to copy|—|line one line two && more|older"));
         QCOMPARE(bar.recentMenu()->actions()[2]->toolTip(), QStringLiteral("line one\nline two & more"));
         clickItem(bar.recentMenu(), bar.recentMenu()->actions().first());  // the header copies nothing
         QVERIFY(!waitUntil([] { return clipboard() != QStringLiteral("before"); }, 50));
