@@ -356,24 +356,24 @@ private Q_SLOTS:
         window = compare.window();
         QVERIFY(window->isVisible() && window->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
         // The window as the user reads it: the status line, then the four blocks; dim text in brackets.
-        const auto seen = [view = window->findChild<CompareView*>()] {
+        const auto blocks = [view = window->findChild<CompareView*>()] {
             QStringList out;
             for (QLabel* l : {view->statusLabel(), view->body(0), view->body(1), view->body(2), view->body(3)})
                 out << (l->palette().color(QPalette::WindowText) == Theme::secondaryText() ? u'[' + l->text() + u']' : l->text());
             return out.join(u'|');
         };
         const QString waiting = CompareModel::instructionText() + QStringLiteral("|[…]|[…]|[…]|[…]");
-        QCOMPARE(seen(), waiting);
+        QCOMPARE(blocks(), waiting);
         CompareModel& model = compare.model();
         model.setArmed(false);
         model.setStatus(QStringLiteral("Done."));
         model.setRaw(QStringLiteral("raw words")), model.setTidy(QStringLiteral("Raw words."));
         model.setBullets(QStringLiteral("- raw words")), model.setSummary(QStringLiteral("Words."));
-        QCOMPARE(seen(), QStringLiteral("[Done.]|raw words|Raw words.|- raw words|Words."));
+        QCOMPARE(blocks(), QStringLiteral("[Done.]|raw words|Raw words.|- raw words|Words."));
         window->close();
         compare.arm();
         QVERIFY(compare.window() == window && window->isVisible());
-        QCOMPARE(seen(), waiting);
+        QCOMPARE(blocks(), waiting);
     }
 
     void outcomes_data()
