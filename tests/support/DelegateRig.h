@@ -9,6 +9,7 @@
 #include "text/CleanupEngine.h"
 
 #include <QCoreApplication>
+#include <QHash>
 
 #include <memory>
 
@@ -80,22 +81,14 @@ struct DelegateRig {
     // deliver them; then settle.
     void fire(const QString& event)
     {
-        if (event == QLatin1String("key down"))
-            hotkey.onOptionDown();
-        else if (event == QLatin1String("key up"))
-            hotkey.onOptionUp();
-        else if (event == QLatin1String("chord"))
-            hotkey.onToggleChord();
-        else if (event == QLatin1String("any key"))
-            hotkey.onAnyKey();
-        else if (event == QLatin1String("esc"))
-            hotkey.onEscape();
-        else if (event == QLatin1String("accept"))
-            overlay.onAccept();
-        else if (event == QLatin1String("discard"))
-            overlay.onCancel();
-        else
+        const QHash<QString, std::function<void()>*> callbacks{
+            {QStringLiteral("key down"), &hotkey.onOptionDown}, {QStringLiteral("key up"), &hotkey.onOptionUp},
+            {QStringLiteral("chord"), &hotkey.onToggleChord},   {QStringLiteral("any key"), &hotkey.onAnyKey},
+            {QStringLiteral("esc"), &hotkey.onEscape},          {QStringLiteral("accept"), &overlay.onAccept},
+            {QStringLiteral("discard"), &overlay.onCancel}};
+        if (!callbacks.contains(event))
             qFatal("unknown event");
+        (*callbacks.value(event))();
         settle();
     }
 };

@@ -93,7 +93,6 @@ std::optional<RecordingClient::Received> RecordingClient::dump()
     const QJsonObject o = QJsonDocument::fromJson(f.readAll()).object();
     Received r;
     r.text = o.value(QStringLiteral("text")).toString();
-    r.keyPresses = o.value(QStringLiteral("keyPresses")).toInt();
     r.backspaces = o.value(QStringLiteral("backspaces")).toInt();
     r.spaces = o.value(QStringLiteral("spaces")).toInt();
     r.loneAltTaps = o.value(QStringLiteral("loneAltTaps")).toInt();
@@ -149,8 +148,6 @@ void Fingers::tap(unsigned keycode)
 }
 
 unsigned Fingers::keycodeOf(unsigned long keysym) const { return XKeysymToKeycode(dpy_, keysym); }
-
-void Fingers::sync() { XSync(dpy_, False); }
 
 bool Fingers::capsLocked() const
 {

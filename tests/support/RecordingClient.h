@@ -15,7 +15,6 @@ class RecordingClient final : public QObject {
 public:
     struct Received {
         QString text;
-        int keyPresses = 0;
         int backspaces = 0;
         int spaces = 0;
         int loneAltTaps = 0;
@@ -55,7 +54,6 @@ public:
     void release(unsigned keycode);
     void tap(unsigned keycode);
     unsigned keycodeOf(unsigned long keysym) const;
-    void sync();
     bool capsLocked() const;
     // The keyboard mapping as core requests read it, to compare before and after.
     QByteArray mapping() const;

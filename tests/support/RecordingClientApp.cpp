@@ -1,6 +1,6 @@
 // A plain X client with one text field that records what reaches it. Commands arrive on standard
 // input, one per line:
-//   dump PATH   write {"text", "keyPresses", "backspaces", "spaces", "loneAltTaps", "terminalPastes",
+//   dump PATH   write {"text", "backspaces", "spaces", "loneAltTaps", "terminalPastes",
 //               "lastChangeUs"} to PATH as JSON, then answer "dumped"; lastChangeUs is the
 //               monotonic clock (CLOCK_MONOTONIC, microseconds) when the text last changed, so a
 //               benchmark can time an arrival without depending on how often it asks
@@ -29,7 +29,6 @@
 namespace {
 
 struct Counters {
-    int keyPresses = 0;
     int backspaces = 0;
     int spaces = 0;
     int loneAltTaps = 0;
@@ -85,7 +84,6 @@ public:
 protected:
     void keyPressEvent(QKeyEvent* e) override
     {
-        ++c_.keyPresses;
         if (e->key() == Qt::Key_Backspace)
             ++c_.backspaces;
         if (e->key() == Qt::Key_Space)
@@ -142,7 +140,6 @@ int main(int argc, char** argv)
             pending.remove(0, nl + 1);
             if (line.startsWith(QLatin1String("dump "))) {
                 const QJsonObject o{{QStringLiteral("text"), field.toPlainText()},
-                                    {QStringLiteral("keyPresses"), counters.keyPresses},
                                     {QStringLiteral("backspaces"), counters.backspaces},
                                     {QStringLiteral("spaces"), counters.spaces},
                                     {QStringLiteral("loneAltTaps"), counters.loneAltTaps},

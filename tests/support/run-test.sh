@@ -5,10 +5,11 @@ set -u
 use_xvfb=0
 if [ "${1:-}" = "--xvfb" ]; then use_xvfb=1; shift; fi
 
-sandbox=$(mktemp -d "${TMPDIR:-/tmp}/tolvane-test.XXXXXX")
+# Without a sandbox every path below would be one of the machine's own.
+sandbox=$(mktemp -d "${TMPDIR:-/tmp}/tolvane-test.XXXXXX") && [ -d "$sandbox" ] || { echo "run-test: no sandbox folder" >&2; exit 1; }
 export XDG_CONFIG_HOME="$sandbox/config" XDG_DATA_HOME="$sandbox/data" XDG_CACHE_HOME="$sandbox/cache"
-export XDG_RUNTIME_DIR="$sandbox/runtime" HOME="$sandbox/home"
-mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_RUNTIME_DIR" "$HOME"
+export XDG_RUNTIME_DIR="$sandbox/runtime" HOME="$sandbox/home" TMPDIR="$sandbox/tmp"
+mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_RUNTIME_DIR" "$HOME" "$TMPDIR"
 chmod 700 "$XDG_RUNTIME_DIR"
 export TOLVANE_TEST_SANDBOX="$sandbox"
 
