@@ -7,8 +7,6 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -264,37 +262,7 @@ private Q_SLOTS:
         store.waitForWrites();
         QVERIFY(QFile::exists(path_) && readBytes(path_).isEmpty() && store.entries().isEmpty());
     }
-
-    void killedWriterNeverLeavesAPartialFile()
-    {
-        Preferences::shared().setHistoryRetention(100);
-        qsizetype previous = 0;
-        for (int round = 0; round < 6 && previous < 100; ++round) {
-            QProcess writer;
-            writer.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--write-history"), path_});
-            // Wait for at least one more write, then kill at some moment inside the next ones.
-            QVERIFY(QTest::qWaitFor([&] { return readBytes(path_).count('\n') > previous; }, 10000));
-            QTest::qWait(static_cast<int>(QRandomGenerator::global()->bounded(5, 60)));
-            writer.kill();
-            QVERIFY(writer.waitForFinished());
-            const QStringList records = onDisk(path_);
-            QVERIFY2(!records.contains(QStringLiteral("<broken>")) && records.size() > previous, qPrintable(QStringLiteral("round %1").arg(round)));
-            previous = records.size();
-        }
-    }
 };
 
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    if (argc == 3 && qstrcmp(argv[1], "--write-history") == 0) {  // the kill test's victim: appends as fast as it can
-        TranscriptStore store(QString::fromLocal8Bit(argv[2]));
-        for (int i = 0; i < 100000; ++i, store.waitForWrites())
-            store.append(QString(200000, QLatin1Char('a' + i % 26)));
-        return 0;
-    }
-    StorageTest test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(StorageTest)
 #include "StorageTest.moc"
