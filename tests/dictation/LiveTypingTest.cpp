@@ -2,6 +2,8 @@
 
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 // Each pair of screen and transcript is read both ways: what to append while the user speaks, and
 // what to erase and type once the final text is known.
 class LiveTypingTest : public QObject {
@@ -14,24 +16,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("delta");
         QTest::addColumn<int>("erase");
         QTest::addColumn<QString>("insert");
-        QTest::newRow("empty screen") << QString() << QStringLiteral("hi") << QStringLiteral("hi") << 0 << QStringLiteral("hi");
-        QTest::newRow("grows") << QStringLiteral("I") << QStringLiteral("I want") << QStringLiteral(" want") << 0
-                               << QStringLiteral(" want");
-        QTest::newRow("revised") << QStringLiteral("I want") << QStringLiteral("I wand to") << QStringLiteral(" to") << 1
-                                 << QStringLiteral("d to");
-        QTest::newRow("not a prefix") << QStringLiteral("hello") << QStringLiteral("help me") << QStringLiteral("me") << 2
-                                      << QStringLiteral("p me");
-        QTest::newRow("shorter") << QStringLiteral("hello world") << QStringLiteral("hello") << QString() << 6 << QString();
-        QTest::newRow("same length") << QStringLiteral("abc") << QStringLiteral("abd") << QString() << 1 << QStringLiteral("d");
+        const auto row = [](const char* name, const QString& screen, const QString& target, const QString& delta, int erase,
+                            const QString& insert) { QTest::newRow(name) << screen << target << delta << erase << insert; };
+        row("empty screen", {}, u"hi"_s, u"hi"_s, 0, u"hi"_s);
+        row("grows", u"I"_s, u"I want"_s, u" want"_s, 0, u" want"_s);
+        row("revised", u"I want"_s, u"I wand to"_s, u" to"_s, 1, u"d to"_s);
+        row("not a prefix", u"hello"_s, u"help me"_s, u"me"_s, 2, u"p me"_s);
+        row("shorter", u"hello world"_s, u"hello"_s, {}, 6, {});
+        row("same length", u"abc"_s, u"abd"_s, {}, 1, u"d"_s);
         // Characters are what the user sees; canonically equivalent spellings are equal.
-        QTest::newRow("combining mark") << QStringLiteral("caf\u0065\u0301") << QStringLiteral("caf\u00e9 au lait")
-                                        << QStringLiteral(" au lait") << 0 << QStringLiteral(" au lait");
-        QTest::newRow("emoji") << QStringLiteral("ok 👍🏽") << QStringLiteral("ok 👍🏽 thanks") << QStringLiteral(" thanks") << 0
-                               << QStringLiteral(" thanks");
-        QTest::newRow("accent erased once") << QStringLiteral("caf\u0065\u0301s") << QStringLiteral("cafe") << QString() << 2
-                                            << QStringLiteral("e");
-        QTest::newRow("flag erased once") << QStringLiteral("go 🇩🇪") << QStringLiteral("go!") << QString() << 2
-                                          << QStringLiteral("!");
+        row("combining mark", u"caf\u0065\u0301"_s, u"caf\u00e9 au lait"_s, u" au lait"_s, 0, u" au lait"_s);
+        row("emoji", u"ok 👍🏽"_s, u"ok 👍🏽 thanks"_s, u" thanks"_s, 0, u" thanks"_s);
+        row("accent erased once", u"caf\u0065\u0301s"_s, u"cafe"_s, {}, 2, u"e"_s);
+        row("flag erased once", u"go 🇩🇪"_s, u"go!"_s, {}, 2, u"!"_s);
     }
     void appendAndReconcile()
     {

@@ -20,26 +20,16 @@ struct Rig : DelegateRig {
     // "start opens", "finishes" (the pending finish completes), "partial" (a partial result).
     void play(const QString& list)
     {
+        const std::map<QString, std::function<void()>> circumstances{
+            {"settings", [&] { settings.key = true; }}, {"live", [] { Preferences::shared().setLiveTyping(true); }},
+            {"mic fails", [&] { audio.failure = QStringLiteral("no microphone"); }},
+            {"model fails", [&] { transcriber.startFailure = QStringLiteral("model missing"); }},
+            {"slow start", [&] { transcriber.startGate.closed = true; }}, {"start opens", [&] { transcriber.startGate.release(); }},
+            {"finishes", [&] { transcriber.finishGate.release(); }},
+            {"partial", [&] { transcriber.onPartial(QString(), QStringLiteral("word")); }}};
         for (const QString& item : list.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
-            const QString e = item.trimmed();
-            if (e == QLatin1String("settings"))
-                settings.key = true;
-            else if (e == QLatin1String("live"))
-                Preferences::shared().setLiveTyping(true);
-            else if (e == QLatin1String("mic fails"))
-                audio.failure = QStringLiteral("no microphone");
-            else if (e == QLatin1String("model fails"))
-                transcriber.startFailure = QStringLiteral("model missing");
-            else if (e == QLatin1String("slow start"))
-                transcriber.startGate.closed = true;
-            else if (e == QLatin1String("start opens"))
-                transcriber.startGate.release();
-            else if (e == QLatin1String("finishes"))
-                transcriber.finishGate.release();
-            else if (e == QLatin1String("partial"))
-                transcriber.onPartial(QString(), QStringLiteral("word"));
-            else
-                fire(e);
+            const auto it = circumstances.find(item.trimmed());
+            it != circumstances.end() ? it->second() : fire(item.trimmed());
             settle();
             transcriber.finishGate.closed = true;
         }
@@ -71,27 +61,17 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("logs");
         QTest::addColumn<Mode>("to");
 
-        const QString down = QStringLiteral("hotkey: OPTION DOWN"), up = QStringLiteral("hotkey: OPTION UP"),
-                      chord = QStringLiteral("hotkey: ⌥+SPACE chord"), esc = QStringLiteral("hotkey: ESC (discard)"),
-                      accept = QStringLiteral("overlay: INSERT (✓) button clicked"),
-                      discard = QStringLiteral("overlay: DISCARD button clicked"),
-                      startHold = QStringLiteral("dictation: starting (mode=hold)"),
-                      startToggle = QStringLiteral("dictation: starting (mode=toggle)"),
-                      running = QStringLiteral("dictation: audio + transcriber running"),
-                      dropped = QStringLiteral("dictation: DISCARD"),
-                      finishHold = QStringLiteral("dictation: finishing (paste=true, fromToggle=false)"),
-                      finishToggle = QStringLiteral("dictation: finishing (paste=true, fromToggle=true)"),
-                      endToggle = QStringLiteral("dictation: END + PASTE (from toggle)"),
-                      tapEnds = QStringLiteral("state: TOGGLE → END (⌥ tap)"),
-                      abandoned = QStringLiteral("dictation: start abandoned (ended while starting)");
-        const QStringList finish{QStringLiteral("audio.stop"), QStringLiteral("overlay.beginProcessing"),
-                                 QStringLiteral("transcriber.finish")};
-        const QStringList drop{QStringLiteral("overlay.setMode(false)"), QStringLiteral("audio.stop"),
-                               QStringLiteral("overlay.resetToIdle"), QStringLiteral("menuBar.stopAnimating"),
-                               QStringLiteral("transcriber.cancel")};
-        const QStringList failed{QStringLiteral("audio.stop"), QStringLiteral("overlay.resetToIdle"),
-                                 QStringLiteral("menuBar.stopAnimating"), QStringLiteral("overlay.setMode(false)")};
-        const QString cancel = QStringLiteral("transcriber.cancel");
+        const QString down = "hotkey: OPTION DOWN", up = "hotkey: OPTION UP", chord = "hotkey: ⌥+SPACE chord",
+                      esc = "hotkey: ESC (discard)", accept = "overlay: INSERT (✓) button clicked",
+                      discard = "overlay: DISCARD button clicked", startHold = "dictation: starting (mode=hold)",
+                      startToggle = "dictation: starting (mode=toggle)", running = "dictation: audio + transcriber running",
+                      dropped = "dictation: DISCARD", finishHold = "dictation: finishing (paste=true, fromToggle=false)",
+                      finishToggle = "dictation: finishing (paste=true, fromToggle=true)",
+                      endToggle = "dictation: END + PASTE (from toggle)", tapEnds = "state: TOGGLE → END (⌥ tap)",
+                      abandoned = "dictation: start abandoned (ended while starting)", cancel = "transcriber.cancel";
+        const QStringList finish{"audio.stop", "overlay.beginProcessing", "transcriber.finish"},
+            drop{"overlay.setMode(false)", "audio.stop", "overlay.resetToIdle", "menuBar.stopAnimating", cancel},
+            failed{"audio.stop", "overlay.resetToIdle", "menuBar.stopAnimating", "overlay.setMode(false)"};
         auto row = [](const QString& events, const QStringList& calls, const QStringList& logs, Mode to) {
             QTest::newRow(qPrintable(events)) << events << calls << logs << to;
         };
@@ -106,29 +86,22 @@ private Q_SLOTS:
         // Holding.
         row("key down | key up", finish, {up, finishHold}, Mode::finishing);
         row("key down, settings | key up", finish, {up, finishHold}, Mode::finishing);
-        row("key down | chord", {QStringLiteral("overlay.setMode(true)")},
-            {chord, QStringLiteral("state: HOLD → TOGGLE (⌥+Space while holding)")}, Mode::toggle);
+        row("key down | chord", {"overlay.setMode(true)"}, {chord, "state: HOLD → TOGGLE (⌥+Space while holding)"}, Mode::toggle);
         row("key down, settings | chord", {}, {chord}, Mode::hold);
         row("key down | esc", drop, {esc, dropped}, Mode::idle);
         row("key down | discard", drop, {discard, dropped}, Mode::idle);
         row("key down | accept", finish, {accept, QStringLiteral("dictation: END + PASTE (from hold)"), finishToggle}, Mode::finishing);
         row("key down | key down, any key", {}, {down}, Mode::hold);
         row("live, key down | partial", {QStringLiteral("injector.insertText(word)")}, {}, Mode::hold);
-        row("key down | key up, finishes",
-            finish + QStringList{QStringLiteral("injector.insertText(hello there)"), QStringLiteral("overlay.resetToIdle"),
-                                 QStringLiteral("menuBar.stopAnimating")},
-            {up, finishHold, QStringLiteral("dictation: final text length=11"),
-             QStringLiteral("dictation: pasted=true (leadingSpace=false)")},
-            Mode::idle);
+        row("key down | key up, finishes", finish + QStringList{"injector.insertText(hello there)", "overlay.resetToIdle", "menuBar.stopAnimating"},
+            {up, finishHold, "dictation: final text length=11", "dictation: pasted=true (leadingSpace=false)"}, Mode::idle);
         // Hands-free; a hold turned hands-free ignores the release of the key that was held.
         row("chord | key up", finish, {up, tapEnds, endToggle, finishToggle}, Mode::finishing);
         row("key down, chord | key up", {}, {up}, Mode::toggle);
-        row("key down, chord, key up | key down, key up", finish, {down, up, tapEnds, endToggle, finishToggle},
-            Mode::finishing);
+        row("key down, chord, key up | key down, key up", finish, {down, up, tapEnds, endToggle, finishToggle}, Mode::finishing);
         row("chord | chord", finish, {chord, QStringLiteral("state: TOGGLE → END (chord)"), finishToggle}, Mode::finishing);
         row("chord, settings | chord", {}, {chord}, Mode::toggle);
-        row("chord | any key", finish,
-            {QStringLiteral("hotkey: key during toggle → end + paste"), endToggle, finishToggle}, Mode::finishing);
+        row("chord | any key", finish, {"hotkey: key during toggle → end + paste", endToggle, finishToggle}, Mode::finishing);
         row("live, chord | any key", {}, {}, Mode::toggle);
         row("chord | esc", drop, {esc, dropped}, Mode::idle);
         // Ended while the key is still down: the flag must not swallow a later dictation's tap.
@@ -146,8 +119,7 @@ private Q_SLOTS:
         row("model fails | key down", startCalls(false).mid(0, 3) + failed,
             {down, startHold, QStringLiteral("dictation: start FAILED: model missing")}, Mode::idle);
         // Ended while the transcriber was still starting: the microphone never comes on.
-        row("slow start, key down | key up, start opens", finish + QStringList{cancel}, {up, finishHold, abandoned},
-            Mode::finishing);
+        row("slow start, key down | key up, start opens", finish + QStringList{cancel}, {up, finishHold, abandoned}, Mode::finishing);
         row("slow start, key down | esc, start opens", drop + QStringList{cancel}, {esc, dropped, abandoned}, Mode::idle);
         row("slow start, key down, esc, start opens | key down", startCalls(false), {down, startHold, running}, Mode::hold);
     }
