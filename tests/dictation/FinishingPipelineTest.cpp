@@ -54,34 +54,26 @@ private Q_SLOTS:
                       const QStringList& inserted, const QString& saved, bool pasteTime, const QString& log) {
             QTest::newRow(name) << setup << partials << said << inserted << saved << pasteTime << log;
         };
-        const QString pasted = QStringLiteral("dictation: pasted=true (leadingSpace=false)"),
-                      notPasted = QStringLiteral("dictation: pasted=false (leadingSpace=false)"),
-                      blank = QStringLiteral("dictation: pasted=true (leadingSpace=true)"), plan = QStringLiteral("um so the the plan"),
-                      accented150 = QString(149, QLatin1Char('a')) + QStringLiteral("e\u0301"), b150(150, QLatin1Char('b')),
-                      snippet = QStringLiteral("snippet work email");
-        const QString ret = QStringLiteral("injector.pressReturn");
+        const QString pasted = "dictation: pasted=true (leadingSpace=false)", notPasted = "dictation: pasted=false (leadingSpace=false)",
+                      blank = "dictation: pasted=true (leadingSpace=true)", plan = "um so the the plan", snippet = "snippet work email",
+                      accented150 = QString(149, u'a') + "e\u0301", b150(150, u'b'), ret = "injector.pressReturn";
 
-        row("decoder fails", "decoder fails", {}, "ignored", {}, {}, false,
-            "dictation: transcription error: decoder crashed");
-        row("blank transcript leaves live text", "live", {"|uh"}, " \n\t ", {typed("uh")}, {}, false,
-            "dictation: final text length=0");
-        row("trimmed, no Return after a hold", "auto return", {}, "  pick up milk \n", {typed("pick up milk")}, "pick up milk",
-            true, pasted);
+        row("decoder fails", "decoder fails", {}, "ignored", {}, {}, false, "dictation: transcription error: decoder crashed");
+        row("blank transcript leaves live text", "live", {"|uh"}, " \n\t ", {typed("uh")}, {}, false, "dictation: final text length=0");
+        row("trimmed, no Return after a hold", "auto return", {}, "  pick up milk \n", {typed("pick up milk")}, "pick up milk", true, pasted);
         for (const char* mode : {"tidy", "bullets", "summary"})
             row(mode, mode, {}, plan, {typed(QString::fromLatin1(mode).toUpper() + '(' + plan + ')')}, plan, true, pasted);
         row("snippet, not cleaned", "tidy", {}, "Snippet work email.", {typed("jane@example.com")}, "Snippet work email.", true,
             "snippet: expanded command");
         row("blank within 30 s", "recent paste", {}, ", second", {typed(" , second")}, ", second", true, blank);
         row("blank before a snippet", "recent paste", {}, snippet, {typed(" jane@example.com")}, snippet, true, blank);
-        row("no blank after 30 s, no Return when off", "old paste, hands-free", {}, "later", {typed("later")}, "later", true,
-            pasted);
+        row("no blank after 30 s, no Return when off", "old paste, hands-free", {}, "later", {typed("later")}, "later", true, pasted);
         row("150 characters typed", "", {}, accented150, {typed(accented150)}, accented150, true, pasted);
-        row("151 with the blank pasted", "recent paste", {}, b150,
-            {QStringLiteral("injector.pasteViaClipboard( %1)").arg(b150)}, b150, true, blank);
+        row("151 with the blank pasted", "recent paste", {}, b150, {"injector.pasteViaClipboard( " + b150 + ')'}, b150, true, blank);
         row("insertion fails", "cannot insert, auto return, hands-free", {}, "lost", {typed("lost")}, "lost", false, notPasted);
         row("cleanup leaves nothing", "tidy, model says nothing", {}, "gone", {}, "gone", false, notPasted);
-        row("Return after hands-free", "auto return, hands-free", {}, "hands free", {typed("hands free"), ret}, "hands free",
-            true, "dictation: auto-Return");
+        row("Return after hands-free", "auto return, hands-free", {}, "hands free", {typed("hands free"), ret}, "hands free", true,
+            "dictation: auto-Return");
         row("live typing corrects", "tidy, live, auto return, hands-free", {"|I", "|I want", "|I wand to"}, "I want to go",
             {typed("I"), typed(" want"), typed(" to"), QStringLiteral("injector.deleteBackward(0)"), typed(" go"), ret},
             "I want to go", false, "dictation: live-typed 12 chars");
@@ -148,17 +140,12 @@ private Q_SLOTS:
         QVERIFY(m.armed());
         dictate(QStringLiteral("   "));  // silence: stays armed
         QVERIFY(d.compareArmed);
-
         dictate(QStringLiteral("the passage"));
         QVERIFY(!d.compareArmed && !m.armed());
         QCOMPARE((QStringList{m.raw(), m.tidy(), m.bullets(), m.summary(), m.status()}),
-                 (QStringList{QStringLiteral("the passage"), QStringLiteral("TIDY(the passage)"),
-                              QStringLiteral("BULLETS(the passage)"), QStringLiteral("SUMMARY(the passage)"),
-                              QStringLiteral("Done — compare the four results below. Copy any of them.")}));
-        QCOMPARE(history(), QStringList{QStringLiteral("the passage")});
-        QVERIFY(insertions(rig.journal).isEmpty());
-        QVERIFY(!d.lastPasteAt);
-
+                 (QStringList{"the passage", "TIDY(the passage)", "BULLETS(the passage)", "SUMMARY(the passage)",
+                              "Done — compare the four results below. Copy any of them."}));
+        QVERIFY(history() == QStringList{"the passage"} && insertions(rig.journal).isEmpty() && !d.lastPasteAt);
         dictate(QStringLiteral("normal again"));
         QCOMPARE(insertions(rig.journal), QStringList{typed(QStringLiteral("normal again"))});
     }
