@@ -82,7 +82,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("before");  // null: empty clipboard
         QTest::addColumn<bool>("terminal");
-        QTest::newRow("clipboard held text") << u"old clipboard text"_s << false;
         QTest::newRow("clipboard empty") << QString() << false;
         QTest::newRow("terminal: Ctrl+Shift+V") << u"old clipboard text"_s << true;
     }
