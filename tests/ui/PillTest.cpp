@@ -83,9 +83,6 @@ private Q_SLOTS:
         const QRectF topCentre(617, 8, 46, 22);
         QTest::addColumn<QRectF>("actual");
         QTest::addColumn<QRectF>("expected");
-        // The bars never drop under 3 points; the ring shrinks to fit a short pill.
-        QTest::newRow("resting bar") << WaveformGeometry::barRect(0, {46, 22}, 1, false) << QRectF(15, 9.5, 4, 3);
-        QTest::newRow("ring in a short pill") << WaveformGeometry::spinnerRect({46, 16}, false) << QRectF(19, 4, 8, 8);
         // The pill goes under the top centre unless a saved place still touches a screen.
         QTest::newRow("first launch") << pillAt(place({}, {}, one, full)) << topCentre;
         QTest::newRow("below a top panel") << pillAt(place({}, {}, one, QRect(0, 32, 1280, 768))) << topCentre.translated(0, 32);
@@ -105,19 +102,17 @@ private Q_SLOTS:
         QCOMPARE(actual, expected);
     }
 
-    void barsRiseAndSettleTheRingTurns()
+    // The bars rising and the ring turning are seen drawn below; here the noise gate and the fall to rest.
+    void barsIgnoreNoiseAndSettle()
     {
-        // The level the bars head for: nothing under the noise gate, 2·√level above it, at most full.
+        // The level the bars head for: nothing under the gate, 2·√level above it, at most full.
         const std::pair<double, double> curve[] = {{0.0299, 0}, {0.04, 0.4}, {0.25, 1}, {0.8, 1}};
         for (const auto& [level, target] : curve)
             QVERIFY(qFuzzyCompare(1 + WaveformAnimation::targetLevel(level), 1 + target));
         WaveformAnimation a;
         a.amplitude = 0.25;
-        a.stepListening(22);
-        QVERIFY(qFuzzyCompare(a.displayedAmp, 0.12));  // 12 % of the way per frame
         for (int i = 0; i < 300; ++i)
             a.stepListening(22);
-        QVERIFY(a.currentHeights[1] > 8 && a.currentHeights[1] <= 14);  // the middle bar stands tall
         // Under the gate counts as silence: the level falls every frame down to the resting bars.
         a.amplitude = 0.02;
         for (int i = 0; i < 300; ++i) {
@@ -125,14 +120,6 @@ private Q_SLOTS:
             a.stepListening(22);
             QVERIFY(a.displayedAmp < before);
         }
-        // Processing turns the ring clockwise and pulses it between 0.7 and 1; the bars rest meanwhile.
-        float dim = 1, bright = 0;
-        for (int i = 0; i < 400; ++i) {
-            a.stepProcessing();
-            dim = std::min(dim, a.spinnerOpacity), bright = std::max(bright, a.spinnerOpacity);
-        }
-        QVERIFY(qFuzzyCompare(a.spinnerAngle, -0.1 * 400));
-        QVERIFY(dim >= 0.7f && dim < 0.701f && bright <= 1.0f && bright > 0.999f);
         for (double h : a.currentHeights)
             QVERIFY(std::abs(h - 3.0) < 1e-3);
     }
