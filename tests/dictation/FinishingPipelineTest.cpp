@@ -27,6 +27,9 @@ QStringList insertions(const Journal& journal) { return journal.calls.filter(QSt
 
 QString typed(const QString& text) { return QStringLiteral("injector.insertText(%1)").arg(text); }
 
+// partials: "committed|volatile", as live typing receives them; pasteTime: the insertion counts for the next one's leading blank.
+struct Outcome { QString setup; QStringList partials; QString said; QStringList inserted; QString saved; bool pasteTime; QString log; };
+
 }  // namespace
 
 class FinishingPipelineTest : public QObject {
@@ -43,55 +46,40 @@ private Q_SLOTS:
 
     void outcomes_data()
     {
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<QStringList>("partials");  // "committed|volatile", as live typing receives them
-        QTest::addColumn<QString>("said");
-        QTest::addColumn<QStringList>("inserted");
-        QTest::addColumn<QString>("saved");
-        QTest::addColumn<bool>("pasteTime");  // the insertion counts for the next one's leading blank
-        QTest::addColumn<QString>("log");
-        auto row = [](const char* name, const QString& setup, const QStringList& partials, const QString& said,
-                      const QStringList& inserted, const QString& saved, bool pasteTime, const QString& log) {
-            QTest::newRow(name) << setup << partials << said << inserted << saved << pasteTime << log;
-        };
+        QTest::addColumn<Outcome>("outcome");
+        const auto row = [](const char* name, const Outcome& o) { QTest::newRow(name) << o; };
         const QString pasted = "dictation: pasted=true (leadingSpace=false)", notPasted = "dictation: pasted=false (leadingSpace=false)",
                       blank = "dictation: pasted=true (leadingSpace=true)", plan = "um so the the plan", snippet = "snippet work email",
                       accented150 = QString(149, u'a') + "e\u0301", b150(150, u'b'), ret = "injector.pressReturn";
 
-        row("decoder fails", "decoder fails", {}, "ignored", {}, {}, false, "dictation: transcription error: decoder crashed");
-        row("blank transcript leaves live text", "live", {"|uh"}, " \n\t ", {typed("uh")}, {}, false, "dictation: final text length=0");
-        row("trimmed, no Return after a hold", "auto return", {}, "  pick up milk \n", {typed("pick up milk")}, "pick up milk", true, pasted);
+        row("decoder fails", {"decoder fails", {}, "ignored", {}, {}, false, "dictation: transcription error: decoder crashed"});
+        row("blank transcript leaves live text", {"live", {"|uh"}, " \n\t ", {typed("uh")}, {}, false, "dictation: final text length=0"});
+        row("trimmed, no Return after a hold", {"auto return", {}, "  pick up milk \n", {typed("pick up milk")}, "pick up milk", true, pasted});
         for (const char* mode : {"tidy", "bullets", "summary"})
-            row(mode, mode, {}, plan, {typed(QString::fromLatin1(mode).toUpper() + '(' + plan + ')')}, plan, true, pasted);
-        row("snippet, not cleaned", "tidy", {}, "Snippet work email.", {typed("jane@example.com")}, "Snippet work email.", true,
-            "snippet: expanded command");
-        row("blank within 30 s", "recent paste", {}, ", second", {typed(" , second")}, ", second", true, blank);
-        row("blank before a snippet", "recent paste", {}, snippet, {typed(" jane@example.com")}, snippet, true, blank);
-        row("no blank after 30 s, no Return when off", "old paste, hands-free", {}, "later", {typed("later")}, "later", true, pasted);
-        row("150 characters typed", "", {}, accented150, {typed(accented150)}, accented150, true, pasted);
-        row("151 with the blank pasted", "recent paste", {}, b150, {"injector.pasteViaClipboard( " + b150 + ')'}, b150, true, blank);
-        row("insertion fails", "cannot insert, auto return, hands-free", {}, "lost", {typed("lost")}, "lost", false, notPasted);
-        row("cleanup leaves nothing", "tidy, model says nothing", {}, "gone", {}, "gone", false, notPasted);
-        row("Return after hands-free", "auto return, hands-free", {}, "hands free", {typed("hands free"), ret}, "hands free", true,
-            "dictation: auto-Return");
-        row("live typing corrects", "tidy, live, auto return, hands-free", {"|I", "|I want", "|I wand to"}, "I want to go",
+            row(mode, {mode, {}, plan, {typed(QString::fromLatin1(mode).toUpper() + '(' + plan + ')')}, plan, true, pasted});
+        row("snippet, not cleaned", {"tidy", {}, "Snippet work email.", {typed("jane@example.com")}, "Snippet work email.", true,
+            "snippet: expanded command"});
+        row("blank within 30 s", {"recent paste", {}, ", second", {typed(" , second")}, ", second", true, blank});
+        row("blank before a snippet", {"recent paste", {}, snippet, {typed(" jane@example.com")}, snippet, true, blank});
+        row("no blank after 30 s, no Return when off", {"old paste, hands-free", {}, "later", {typed("later")}, "later", true, pasted});
+        row("150 characters typed", {"", {}, accented150, {typed(accented150)}, accented150, true, pasted});
+        row("151 with the blank pasted", {"recent paste", {}, b150, {"injector.pasteViaClipboard( " + b150 + ')'}, b150, true, blank});
+        row("insertion fails", {"cannot insert, auto return, hands-free", {}, "lost", {typed("lost")}, "lost", false, notPasted});
+        row("cleanup leaves nothing", {"tidy, model says nothing", {}, "gone", {}, "gone", false, notPasted});
+        row("Return after hands-free", {"auto return, hands-free", {}, "hands free", {typed("hands free"), ret}, "hands free", true,
+            "dictation: auto-Return"});
+        row("live typing corrects", {"tidy, live, auto return, hands-free", {"|I", "|I want", "|I wand to"}, "I want to go",
             {typed("I"), typed(" want"), typed(" to"), QStringLiteral("injector.deleteBackward(0)"), typed(" go"), ret},
-            "I want to go", false, "dictation: live-typed 12 chars");
-        row("live-typed snippet replaced", "live", {"snippet|", "snippet|work email"}, snippet,
+            "I want to go", false, "dictation: live-typed 12 chars"});
+        row("live-typed snippet replaced", {"live", {"snippet|", "snippet|work email"}, snippet,
             {typed("snippet"), typed(" work email"), QStringLiteral("injector.deleteBackward(18)"), typed("jane@example.com")},
-            snippet, false, "dictation: live-typed 18 chars");
+            snippet, false, "dictation: live-typed 18 chars"});
     }
 
     void outcomes()
     {
-        QFETCH(QString, setup);
-        QFETCH(QStringList, partials);
-        QFETCH(QString, said);
-        QFETCH(QStringList, inserted);
-        QFETCH(QString, saved);
-        QFETCH(bool, pasteTime);
-        QFETCH(QString, log);
-
+        QFETCH(Outcome, outcome);
+        const auto& [setup, partials, said, inserted, saved, pasteTime, log] = outcome;
         DelegateRig rig;
         AppDelegate& d = *rig.delegate;
         const auto has = [&](const char* token) { return setup.split(QStringLiteral(", ")).contains(QLatin1String(token)); };
