@@ -23,6 +23,11 @@ QCoro::Task<> cleanInto(CleanupEngine& engine, QString text, std::optional<QStri
     out = co_await engine.process(text, CleanupMode::tidy);
 }
 
+// status 0: the server goes away instead of answering; expected empty: the input; logLine empty: some error.
+struct Answer { QString input; int status; QByteArray body; QString expected, logLine; };
+// endpoint empty: the test server's; modelsStatus 0: the model list never comes.
+struct Unavailable { QString endpoint; QStringList models; int modelsStatus; QString wantedModel, reasonPart; };
+
 QStringList cleanupLines(const TestSupport::LogMark& mark) { return mark.messages().filter(u"cleanup: "_s); }
 QString content(const QJsonObject& body, int i) { return body[u"messages"_s].toArray().at(i).toObject()[u"content"_s].toString(); }
 }  // namespace
@@ -137,35 +142,28 @@ private Q_SLOTS:
     // What the model says is cleaned of echoed markers and blanks; any failure pastes the text as spoken.
     void cleanupAnswersAndFailures_data()
     {
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<int>("status");  // 0: the server goes away instead of answering
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QString>("expected");  // empty: the input
-        QTest::addColumn<QString>("logLine");   // empty: some error
+        QTest::addColumn<Answer>("answer");
+        const auto row = [](const char* name, const Answer& a) { QTest::newRow(name) << a; };
         auto says = [](const QString& answer) { return FakeLlmServer::answer(answer).body; };
         auto ok = [](int in, int out) { return u"cleanup: mode=tidy in=%1 out=%2"_s.arg(in).arg(out); };
         auto error = [](const char* http) { return u"cleanup: error — the server answered %1; pasting raw"_s.arg(QString::fromUtf8(http)); };
         const QString in = u"as spoken"_s, none, noText = u"the server's answer holds no message text"_s;
-        QTest::newRow("echoed markers") << u"hi"_s << 200 << says(u"  <<<BEGIN TEXT>>>\nHello there.\n<<<END TEXT>>>  "_s) << u"Hello there."_s << ok(2, 12);
-        QTest::newRow("markers only") << u"keep me"_s << 200 << says(u"<<<BEGIN TEXT>>>\n\n<<<END TEXT>>>\r\n"_s) << none << ok(7, 0);
-        QTest::newRow("markers anywhere") << u"a b"_s << 200 << says(u"- one<<<END TEXT>>>\n\n- two <<<BEGIN TEXT>>>"_s) << u"- one\n\n- two"_s << ok(3, 12);
-        QTest::newRow("empty transcript still asked") << QString() << 200 << says(QString()) << none << ok(0, 0);
-        QTest::newRow("user-perceived characters") << u"👍🏽 ok"_s << 200 << says(u"e\u0301 👋🏻🇩🇪"_s) << u"e\u0301 👋🏻🇩🇪"_s << ok(4, 4);
-        QTest::newRow("HTTP error, message") << in << 500 << QByteArray(R"({"error":{"message":"crashed"}})") << none << error("HTTP 500: crashed");
-        QTest::newRow("HTTP error, plain") << in << 400 << QByteArray(R"({"error":"context too long"})") << none << error("HTTP 400: context too long");
-        QTest::newRow("HTTP error, no body") << in << 503 << QByteArray() << none << error("HTTP 503");
-        QTest::newRow("not JSON") << in << 200 << QByteArray("<html>oops</html>") << none << u"cleanup: error — %1; pasting raw"_s.arg(noText);
-        QTest::newRow("null content") << in << 200 << QByteArray(R"({"choices":[{"message":{"content":null}}]})") << none
-                                      << u"cleanup: error — %1; pasting raw"_s.arg(noText);
-        QTest::newRow("server gone after the model list") << in << 0 << QByteArray() << none << none;
+        row("echoed markers", {u"hi"_s, 200, says(u"  <<<BEGIN TEXT>>>\nHello there.\n<<<END TEXT>>>  "_s), u"Hello there."_s, ok(2, 12)});
+        row("markers only", {u"keep me"_s, 200, says(u"<<<BEGIN TEXT>>>\n\n<<<END TEXT>>>\r\n"_s), none, ok(7, 0)});
+        row("markers anywhere", {u"a b"_s, 200, says(u"- one<<<END TEXT>>>\n\n- two <<<BEGIN TEXT>>>"_s), u"- one\n\n- two"_s, ok(3, 12)});
+        row("empty transcript still asked", {QString(), 200, says(QString()), none, ok(0, 0)});
+        row("user-perceived characters", {u"👍🏽 ok"_s, 200, says(u"e\u0301 👋🏻🇩🇪"_s), u"e\u0301 👋🏻🇩🇪"_s, ok(4, 4)});
+        row("HTTP error, message", {in, 500, QByteArray(R"({"error":{"message":"crashed"}})"), none, error("HTTP 500: crashed")});
+        row("HTTP error, plain", {in, 400, QByteArray(R"({"error":"context too long"})"), none, error("HTTP 400: context too long")});
+        row("HTTP error, no body", {in, 503, QByteArray(), none, error("HTTP 503")});
+        row("not JSON", {in, 200, QByteArray("<html>oops</html>"), none, u"cleanup: error — %1; pasting raw"_s.arg(noText)});
+        row("null content", {in, 200, QByteArray(R"({"choices":[{"message":{"content":null}}]})"), none, u"cleanup: error — %1; pasting raw"_s.arg(noText)});
+        row("server gone after the model list", {in, 0, QByteArray(), none, none});
     }
     void cleanupAnswersAndFailures()
     {
-        QFETCH(QString, input);
-        QFETCH(int, status);
-        QFETCH(QByteArray, body);
-        QFETCH(QString, expected);
-        QFETCH(QString, logLine);
+        QFETCH(Answer, answer);
+        const auto& [input, status, body, expected, logLine] = answer;
         server_->chat = [=, this](const QJsonObject&) {
             if (status == 0)
                 QMetaObject::invokeMethod(this, [this] { delete std::exchange(server_, nullptr); }, Qt::QueuedConnection);
@@ -182,29 +180,23 @@ private Q_SLOTS:
     // Nothing is sent, the reason says why, the text stays. Other computers are refused even with a local server at hand.
     void unavailableServersAreExplainedAndPasteRaw_data()
     {
-        QTest::addColumn<QString>("endpoint");  // empty: the test server's
-        QTest::addColumn<QStringList>("models");
-        QTest::addColumn<int>("modelsStatus");  // 0: never answers
-        QTest::addColumn<QString>("wantedModel");
-        QTest::addColumn<QString>("reasonPart");
+        QTest::addColumn<Unavailable>("server");
+        const auto row = [](const char* name, const Unavailable& u) { QTest::newRow(name) << u; };
         const QStringList one{u"test-model"_s};
-        QTest::newRow("nothing listens") << FakeLlmServer::closedEndpoint() << one << 200 << QString() << u"Connection refused"_s;
-        QTest::newRow("no models") << QString() << QStringList() << 200 << QString() << u"offers no models"_s;
-        QTest::newRow("model list fails") << QString() << one << 503 << QString() << u"HTTP 503: models are not ready"_s;
-        QTest::newRow("model list never comes") << QString() << one << 0 << QString() << u"did not list its models within 2 seconds"_s;
-        QTest::newRow("configured model missing") << QString() << one << 200 << u"llama3"_s << u"does not offer the model “llama3” (it offers test-model)"_s;
-        QTest::newRow("not a server address") << u"127.0.0.1:8080"_s << one << 200 << QString() << u"is not a server address"_s;
+        row("nothing listens", {FakeLlmServer::closedEndpoint(), one, 200, QString(), u"Connection refused"_s});
+        row("no models", {QString(), QStringList(), 200, QString(), u"offers no models"_s});
+        row("model list fails", {QString(), one, 503, QString(), u"HTTP 503: models are not ready"_s});
+        row("model list never comes", {QString(), one, 0, QString(), u"did not list its models within 2 seconds"_s});
+        row("configured model missing", {QString(), one, 200, u"llama3"_s, u"does not offer the model “llama3” (it offers test-model)"_s});
+        row("not a server address", {u"127.0.0.1:8080"_s, one, 200, QString(), u"is not a server address"_s});
         // Documentation-only addresses: refused before any connection.
-        QTest::newRow("remote address") << u"http://192.0.2.1:1/v1"_s << one << 200 << QString() << u"http://192.0.2.1:1/v1 is not on this computer"_s;
-        QTest::newRow("remote name") << u"https://llm.example.invalid/v1/"_s << one << 200 << QString() << u"https://llm.example.invalid/v1 is not on this"_s;
+        row("remote address", {u"http://192.0.2.1:1/v1"_s, one, 200, QString(), u"http://192.0.2.1:1/v1 is not on this computer"_s});
+        row("remote name", {u"https://llm.example.invalid/v1/"_s, one, 200, QString(), u"https://llm.example.invalid/v1 is not on this"_s});
     }
     void unavailableServersAreExplainedAndPasteRaw()
     {
-        QFETCH(QString, endpoint);
-        QFETCH(QStringList, models);
-        QFETCH(int, modelsStatus);
-        QFETCH(QString, wantedModel);
-        QFETCH(QString, reasonPart);
+        QFETCH(Unavailable, server);
+        const auto& [endpoint, models, modelsStatus, wantedModel, reasonPart] = server;
         server_->models = models;
         server_->modelsStatus = modelsStatus;
         server_->answerModelList = modelsStatus != 0;
