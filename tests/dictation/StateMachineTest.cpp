@@ -10,7 +10,7 @@
 #include <thread>
 
 using Mode = AppDelegate::Mode;
-Q_DECLARE_METATYPE(AppDelegate::Mode)
+struct Transition { QString events; QStringList calls, logs; Mode to; };  // events: "set-up | observed"
 
 namespace {
 
@@ -56,10 +56,7 @@ private Q_SLOTS:
 
     void transitions_data()
     {
-        QTest::addColumn<QString>("events");  // "set-up | observed"
-        QTest::addColumn<QStringList>("calls");
-        QTest::addColumn<QStringList>("logs");
-        QTest::addColumn<Mode>("to");
+        QTest::addColumn<Transition>("transition");
 
         const QString down = "hotkey: OPTION DOWN", up = "hotkey: OPTION UP", chord = "hotkey: ⌥+SPACE chord",
                       esc = "hotkey: ESC (discard)", accept = "overlay: INSERT (✓) button clicked",
@@ -73,7 +70,7 @@ private Q_SLOTS:
             drop{"overlay.setMode(false)", "audio.stop", "overlay.resetToIdle", "menuBar.stopAnimating", cancel},
             failed{"audio.stop", "overlay.resetToIdle", "menuBar.stopAnimating", "overlay.setMode(false)"};
         auto row = [](const QString& events, const QStringList& calls, const QStringList& logs, Mode to) {
-            QTest::newRow(qPrintable(events)) << events << calls << logs << to;
+            QTest::newRow(qPrintable(events)) << Transition{events, calls, logs, to};
         };
 
         // From idle; Settings having the focus keeps the keys for itself.
@@ -126,10 +123,8 @@ private Q_SLOTS:
 
     void transitions()
     {
-        QFETCH(QString, events);
-        QFETCH(QStringList, calls);
-        QFETCH(QStringList, logs);
-        QFETCH(Mode, to);
+        QFETCH(Transition, transition);
+        const auto& [events, calls, logs, to] = transition;
 
         Rig rig;
         rig.transcriber.finalText = QStringLiteral("  hello there \n");
