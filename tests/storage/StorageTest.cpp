@@ -106,21 +106,12 @@ private Q_SLOTS:
         }
     }
 
-    void retentionClampsOnRead_data()
-    {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<int>("read");
-        QTest::newRow("zero") << QByteArray("0") << 1;
-        QTest::newRow("250") << QByteArray("250") << 100;
-        QTest::newRow("in range") << QByteArray("42") << 42;
-        QTest::newRow("not a number") << QByteArray("many") << 10;
-    }
     void retentionClampsOnRead()
     {
-        QFETCH(QByteArray, stored);
-        QFETCH(int, read);
-        writeBytes(Preferences::shared().storePath(), "[General]\nhistoryRetention=" + stored + "\n");
-        QCOMPARE(Preferences::shared().historyRetention(), read);
+        for (const auto& [stored, read] : {std::pair{"0", 1}, {"250", 100}, {"42", 42}, {"many", 10}}) {
+            writeBytes(Preferences::shared().storePath(), QByteArray("[General]\nhistoryRetention=") + stored + "\n");
+            QCOMPARE(Preferences::shared().historyRetention(), read);
+        }
     }
 
     // Writes are clamped and stored at once, as the raw values other programs (and later versions) read.

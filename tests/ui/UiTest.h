@@ -39,9 +39,8 @@ inline void typeInto(QLineEdit* field, const QString& text)
 inline QString windowProperties(QWidget* window)
 {
     QProcess xprop;
-    xprop.start(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(window->winId()), QStringLiteral("WM_HINTS"),
-                                          QStringLiteral("_NET_WM_WINDOW_TYPE"), QStringLiteral("_NET_WM_STATE"),
-                                          QStringLiteral("_NET_WM_DESKTOP")});
+    xprop.start(QStringLiteral("xprop"), QStringList{QStringLiteral("-id"), QString::number(window->winId())} +
+                                             QStringLiteral("WM_HINTS _NET_WM_WINDOW_TYPE _NET_WM_STATE _NET_WM_DESKTOP").split(u' '));
     xprop.waitForFinished(5000);
     return QString::fromUtf8(xprop.readAllStandardOutput());
 }
