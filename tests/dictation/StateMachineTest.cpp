@@ -38,8 +38,7 @@ struct Rig : DelegateRig {
 
 QStringList startCalls(bool toggle)
 {
-    return {QStringLiteral("overlay.setMode(%1)").arg(toggle ? QStringLiteral("true") : QStringLiteral("false")),
-            QStringLiteral("overlay.show"), QStringLiteral("transcriber.start"), QStringLiteral("audio.start")};
+    return {QStringLiteral("overlay.setMode(%1)").arg(toggle ? "true" : "false"), "overlay.show", "transcriber.start", "audio.start"};
 }
 
 }  // namespace
@@ -106,15 +105,12 @@ private Q_SLOTS:
             row(QStringLiteral("key down, chord, %1, finishes, key up, chord | key down, key up").arg(QLatin1String(ending)),
                 finish, {down, up, tapEnds, endToggle, finishToggle}, Mode::finishing);
         // Finishing takes no orders.
-        row("key down, key up | key down, key up, chord, any key, esc, accept, discard", {},
-            {down, up, chord, esc, accept, discard}, Mode::finishing);
+        row("key down, key up | key down, key up, chord, any key, esc, accept, discard", {}, {down, up, chord, esc, accept, discard}, Mode::finishing);
         // Failed starts leave everything idle, the pill narrow and no session open.
-        row("mic fails | key down", startCalls(false) + failed + QStringList{cancel},
-            {down, startHold, QStringLiteral("dictation: start FAILED: no microphone")}, Mode::idle);
-        row("mic fails | chord", startCalls(true) + failed + QStringList{cancel},
-            {chord, startToggle, QStringLiteral("dictation: start FAILED: no microphone")}, Mode::idle);
-        row("model fails | key down", startCalls(false).mid(0, 3) + failed,
-            {down, startHold, QStringLiteral("dictation: start FAILED: model missing")}, Mode::idle);
+        const QString noMic = "dictation: start FAILED: no microphone";
+        row("mic fails | key down", startCalls(false) + failed + QStringList{cancel}, {down, startHold, noMic}, Mode::idle);
+        row("mic fails | chord", startCalls(true) + failed + QStringList{cancel}, {chord, startToggle, noMic}, Mode::idle);
+        row("model fails | key down", startCalls(false).mid(0, 3) + failed, {down, startHold, "dictation: start FAILED: model missing"}, Mode::idle);
         // Ended while the transcriber was still starting: the microphone never comes on.
         row("slow start, key down | key up, start opens", finish + QStringList{cancel}, {up, finishHold, abandoned}, Mode::finishing);
         row("slow start, key down | esc, start opens", drop + QStringList{cancel}, {esc, dropped, abandoned}, Mode::idle);
