@@ -9,6 +9,11 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <thread>
 #include <vector>
 
 namespace AudioTest {
@@ -57,16 +62,36 @@ private:
 // written, it delivers nothing).
 class PipeMicrophone {
 public:
+    using Clock = std::chrono::steady_clock;
+
     PipeMicrophone();
+    ~PipeMicrophone();
     QString start();
-    void stop() { server_.stop(); }
+    void stop();
     // Writes 16-bit samples into the pipe on a thread of its own; with `pace`, at the speed a
-    // person speaks, in 100 ms pieces. Returns when everything is written.
+    // person speaks, in 100 ms pieces. Returns when everything is written. While listening, says
+    // them at once and in real time.
     void speak(const QByteArray& pcm, bool pace = false);
 
+    // From now until stop(), feeds the pipe in real time as a real microphone feeds its server: a
+    // quiet noise floor, and the speech given to say() from the moment it is due.
+    void listen();
+    // Speech to be heard from `at` on (at the next 10 ms step); returns at once.
+    void say(const QByteArray& pcm, Clock::time_point at);
+    // Runs the event loop until everything given to say() has been heard; when its last sample was.
+    std::optional<Clock::time_point> waitUntilSaid(int timeoutMs = 60000);
+
 private:
+    void feed();
+
     SoundServer server_;
     QString fifo_;
+    std::thread feeder_;
+    std::atomic<bool> listening_{false};
+    std::mutex mutex_;  // guards what follows
+    QByteArray pending_;
+    Clock::time_point due_;
+    std::optional<Clock::time_point> said_;
 };
 
 // Float samples as signed 16-bit little-endian frames, as a pipe source reads them.

@@ -6,6 +6,8 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace SpeechTest {
@@ -46,6 +48,14 @@ std::vector<float> synthesize(const QString& text, const QString& wavPath, int r
     std::vector<float> samples(static_cast<size_t>(bytes.size()) / sizeof(float));
     std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
     return samples;
+}
+
+std::vector<float> withoutSilence(const std::vector<float>& samples)
+{
+    auto loud = [](float v) { return std::abs(v) > 0.01f; };
+    const auto first = std::find_if(samples.begin(), samples.end(), loud);
+    const auto last = std::find_if(samples.rbegin(), samples.rend(), loud).base();
+    return first < last ? std::vector<float>(first, last) : std::vector<float>();
 }
 
 QStringList words(const QString& text)

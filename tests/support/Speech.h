@@ -14,6 +14,10 @@ namespace SpeechTest {
 // when given.
 std::vector<float> synthesize(const QString& text, const QString& wavPath = QString(), int rate = 16000, int channels = 1);
 
+// The same speech without the silence before and after the words, for a speaker whose timing the
+// test sets itself.
+std::vector<float> withoutSilence(const std::vector<float>& samples);
+
 // Lower-case words without punctuation.
 QStringList words(const QString& text);
 // How many of `expected`'s words appear in `actual`, in order (longest common subsequence).
