@@ -344,7 +344,14 @@ QCoro::Task<std::shared_ptr<SpeechEngine>> ModelInventory::loadEngine(QString lo
     if (!model)
         throw CollaboratorError(QStringLiteral("No speech model is installed for ") + canonicalLocale(locale) + QLatin1Char('.'));
     const PocketsphinxEngine::Model m = *model;
-    const QCoro::Task<std::shared_ptr<PocketsphinxEngine>> loading = Background::run([m] { return PocketsphinxEngine::load(m); });
+    PocketsphinxEngine::Settings settings;
+    auto tuning = [](const Setting<int>& setting) {
+        return std::chrono::milliseconds(std::clamp(Preferences::shared().value(setting), 0, 10000));
+    };
+    settings.leadIn = tuning(Settings::speechLeadInMs);
+    settings.splitAfter = tuning(Settings::speechSplitAfterMs);
+    const QCoro::Task<std::shared_ptr<PocketsphinxEngine>> loading =
+        Background::run([m, settings] { return PocketsphinxEngine::load(m, settings); });
     std::shared_ptr<SpeechEngine> engine = co_await loading;
     co_return engine;
 }

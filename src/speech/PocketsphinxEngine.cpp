@@ -2,6 +2,7 @@
 
 #include "dictation/Collaborators.h"
 #include "speech/DecodingAnalyzer.h"
+#include "speech/PauseDetector.h"
 #include "speech/PronouncingDictionary.h"
 #include "speech/SpeechFormat.h"
 #include "storage/Diagnostics.h"
@@ -21,6 +22,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 namespace {
@@ -104,8 +106,7 @@ QStringList PocketsphinxEngine::decoderArguments(const Model& model, const Setti
                      QStringLiteral("-dict"),      model.dictionary,
                      QStringLiteral("-fwdflat"),   yesNo(settings.fwdflat),
                      QStringLiteral("-bestpath"),  yesNo(settings.bestpath),
-                     QStringLiteral("-vad_postspeech"), QString::number(settings.vadPostspeech),
-                     QStringLiteral("-logfn"),     QStringLiteral("/dev/null")};
+                     QStringLiteral("-vad_postspeech"), QString::number(settings.vadPostspeech)};
     return args + settings.extra;
 }
 
@@ -245,7 +246,10 @@ void PocketsphinxEngine::keep()
 class PocketsphinxAnalyzer final : public DecodingAnalyzer {
 public:
     PocketsphinxAnalyzer(std::shared_ptr<PocketsphinxEngine> engine, std::shared_ptr<SpeechResultStream> results)
-        : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()), engine_(std::move(engine))
+        : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()),
+          engine_(std::move(engine)),
+          pauses_(engine_->settings_.splitPause),
+          splitAfterSamples_(static_cast<long>(engine_->settings_.splitAfter.count()) * 16)
     {
     }
     ~PocketsphinxAnalyzer() override { stopDecoding(); }
@@ -258,6 +262,11 @@ protected:
         if (ps_start_stream(ps) < 0 || ps_start_utt(ps) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
         uttOpen_ = true;
+        const std::vector<int16> quiet = PocketsphinxEngine::leadIn(engine_->settings_);
+        if (!quiet.empty() && ps_process_raw(ps, quiet.data(), quiet.size(), FALSE, FALSE) < 0)
+            throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
+        pauses_.reset();
+        pauses_.feed(quiet.data(), quiet.size());  // the floor a pause is measured against
     }
 
     void decode(const AudioBuffer& buffer) override
@@ -284,7 +293,9 @@ protected:
         ps_decoder_t* ps = engine_->decoder_;
         if (ps_process_raw(ps, pcm_.data(), pcm_.size(), FALSE, FALSE) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
-        if (ps_get_in_speech(ps)) {
+        segmentSamples_ += static_cast<long>(pcm_.size());
+        const bool paused = splitAfterSamples_ > 0 && pauses_.feed(pcm_.data(), pcm_.size());
+        if (ps_get_in_speech(ps) && !(paused && segmentSamples_ >= splitAfterSamples_)) {
             inSegment_ = true;
         } else if (inSegment_) {
             closeUtterance();
@@ -326,6 +337,7 @@ private:
         ps_end_utt(ps);
         uttOpen_ = false;
         inSegment_ = false;
+        segmentSamples_ = 0;
         const char* hyp = ps_get_hyp(ps, nullptr);
         const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
         if (!text.isEmpty())
@@ -338,12 +350,27 @@ private:
     std::shared_ptr<PocketsphinxEngine> engine_;
     std::unique_lock<std::mutex> busy_;
     std::vector<int16> pcm_;
+    PauseDetector pauses_;
+    const long splitAfterSamples_;
+    long segmentSamples_ = 0;  // decoded since the open utterance began
     QString lastVolatile_;
     bool claimed_ = false;
     bool uttOpen_ = false;
     bool inSegment_ = false;
     bool warned_ = false;
 };
+
+std::vector<std::int16_t> PocketsphinxEngine::leadIn(const Settings& settings)
+{
+    // A microphone's noise floor (about -75 dBFS), the same every time so a session decodes alike.
+    std::vector<std::int16_t> samples(static_cast<size_t>(settings.leadIn.count() * 16));  // 16 kHz
+    std::uint32_t state = 0x2545F491u;
+    for (std::int16_t& s : samples) {
+        state = state * 1664525u + 1013904223u;
+        s = static_cast<std::int16_t>(static_cast<int>(state >> 28) - 8);
+    }
+    return samples;
+}
 
 std::unique_ptr<SpeechAnalyzer> PocketsphinxEngine::makeAnalyzer(std::shared_ptr<SpeechResultStream> results)
 {

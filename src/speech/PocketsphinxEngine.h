@@ -8,10 +8,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 struct ps_decoder_s;
 
@@ -47,6 +49,20 @@ public:
         bool bestpath = false;
         // Silence (in 10 ms frames) after which the decoder's voice-activity detector ends a segment.
         int vadPostspeech = 30;
+        // Quiet audio decoded before a session's first block. The decoder takes its first frames as
+        // the room's noise; when those are already speech (someone talking as they press the key),
+        // the first word is heard as noise and lost. A tenth of a second was enough on the suite's
+        // sentences; this leaves a margin.
+        std::chrono::milliseconds leadIn{150};
+        // A segment longer than `splitAfter` is ended at the next pause of `splitPause` between
+        // phrases, so the second pass over it runs while the user still speaks and the key-up
+        // finds only a short last segment to finish. Zero never ends a segment early, and is the
+        // default: in bench_dictation_latency ending ~10 s dictations after 2 s at 0.1 s pauses
+        // brings the key-up → text time from ~270 ms to ~60 ms, but the decoder, which starts each
+        // segment without the words before it, got 2-4 words in 100 more wrong. A tenth of a
+        // second is the pause that finds the breaks in running speech (0.15 s found almost none).
+        std::chrono::milliseconds splitAfter{0};
+        std::chrono::milliseconds splitPause{100};
         // Load only the dictionary entries the language model knows: the same words, less memory.
         bool trimDictionary = true;
         // Further decoder arguments, as name/value pairs ("-beam", "1e-40").
@@ -63,6 +79,8 @@ public:
     static std::shared_ptr<PocketsphinxEngine> load(const Model& model) { return load(model, Settings()); }
     // The decoder's command-line arguments for a model and settings.
     static QStringList decoderArguments(const Model& model, const Settings& settings);
+    // The quiet audio a session decodes first (Settings::leadIn), 16 kHz.
+    static std::vector<std::int16_t> leadIn(const Settings& settings);
     // A bare decoder for a model and settings (the caller frees it with ps_free), or null.
     static ps_decoder_s* createDecoder(const Model& model, const Settings& settings);
 

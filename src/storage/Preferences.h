@@ -37,6 +37,13 @@ inline const Setting<QString> terminalClasses{"terminalClasses", QString()};
 inline const Setting<QString> updateFeedUrl{"updateFeedUrl", QString()};
 // Installable speech models: a JSON array of {"locale", "url", "sha256"} objects.
 inline const Setting<QString> speechModelCatalog{"speechModelCatalog", QString()};
+// Speech decoder tuning, read when the model is loaded; not in the Settings window. The quiet lead-in
+// keeps the first word of someone who speaks as they press the key; a segment longer than
+// speechSplitAfterMs ends at the next pause, so the key-up finds little left to decode, at the
+// price of a few more wrong words (off by default). 0 turns either off; values are clamped to
+// 0..10000.
+inline const Setting<int> speechLeadInMs{"speechLeadInMs", 150};
+inline const Setting<int> speechSplitAfterMs{"speechSplitAfterMs", 0};
 inline constexpr int retentionMin = 1;
 inline constexpr int retentionMax = 100;
 }  // namespace Settings

@@ -17,7 +17,9 @@ constexpr unsigned altL = 64, space = 65, escape = 9;
 const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."),
               running = QStringLiteral("dictation: audio + transcriber running"),
               held = QStringLiteral("pick up milk and eggs on the way home"),
-              handsFree = QStringLiteral("the meeting moved to three o'clock"), live = QStringLiteral("please call me back after lunch");
+              handsFree = QStringLiteral("the meeting moved to three o'clock"), live = QStringLiteral("please call me back after lunch"),
+              // Heard as "nice and the quarterly report" when the decoder's first frames are speech.
+              eager = QStringLiteral("please send the quarterly report to the finance team");
 
 int wordsHeard(const QString& said, const QString& arrived)
 {
@@ -67,8 +69,9 @@ private Q_SLOTS:
     void initTestCase()
     {
         QCOMPARE(microphone_.start(), QString());
-        for (const QString& words : {held, handsFree, live}) {
-            speech_[words] = AudioTest::pcm16(SpeechTest::synthesize(words));
+        for (const QString& words : {held, handsFree, live, eager}) {
+            const std::vector<float> spoken = SpeechTest::synthesize(words);
+            speech_[words] = AudioTest::pcm16(words == eager ? SpeechTest::withoutSilence(spoken) : spoken);
             QVERIFY2(!speech_[words].isEmpty(), "festival and sox are needed (scripts/setup.sh --test installs them)");
         }
         QVERIFY(fingers_.ok() && client_.start());
@@ -154,6 +157,19 @@ private Q_SLOTS:
         fingers_.release(altL);
         const auto got = client_.waitFor([&](const RecordingClient::Received& r) { return wordsHeard(held, r.text) >= 5; }, 20000);
         QVERIFY2(wordsHeard(held, got.text) >= 5, qPrintable(got.text));
+    }
+
+    void speechFromTheKeyPressKeepsItsFirstWord()
+    {
+        // A microphone that hears all the time, and a speaker who talks as the key goes down.
+        microphone_.listen();
+        fingers_.press(altL);
+        microphone_.say(speech_[eager], AudioTest::PipeMicrophone::Clock::now());
+        QVERIFY(microphone_.waitUntilSaid());
+        QTest::qWait(150);
+        fingers_.release(altL);
+        const auto got = client_.waitFor([](const RecordingClient::Received& r) { return SpeechTest::words(r.text).size() >= 6; }, 20000);
+        QCOMPARE(SpeechTest::words(got.text).value(0), QStringLiteral("please"));
     }
 
     void secondLaunchHandsOverToTheRunningOne()

@@ -324,12 +324,15 @@ private Q_SLOTS:
         TestSupport::LogMark mark;
         await(controller.prepare(QStringLiteral("en-us")));
 
-        // Audio in another format is dropped and said so; the two sentences after it, with a pause
-        // long enough for the voice-activity end between them, are heard.
+        // Audio in another format is dropped and said so; the two sentences after it are heard. The
+        // pause between them is too short for the voice-activity end, but the first is long enough
+        // to be ended at a pause.
         await(controller.start());
         feed(controller, first_, {44100, 2});
-        std::vector<float> audio = first_;
-        audio.insert(audio.end(), 16000, 0.0f);
+        std::vector<float> audio(4800, 0.0f);
+        const std::vector<float> spoken = SpeechTest::withoutSilence(first_);
+        audio.insert(audio.end(), spoken.begin(), spoken.end());
+        audio.insert(audio.end(), 2400, 0.0f);
         audio.insert(audio.end(), second_.begin(), second_.end());
         feed(controller, audio);
         const QString text = await(controller.finish());
