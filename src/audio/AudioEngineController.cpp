@@ -64,10 +64,12 @@ void AudioEngineController::stop()
 
 void AudioEngineController::installTap()
 {
+    const auto begun = std::chrono::steady_clock::now();
     const AudioFormat input = source_->inputFormat();
     const AudioFormat target = targetFormat_.value_or(defaultTargetFormat);
     auto tap = std::make_shared<Tap>();
     tap->target = target;
+    tap->startedAt = begun;
     if (!formatsMatch(input, target)) {
         tap->converter = AudioConverter::create(input, target);
         if (!tap->converter)
@@ -90,6 +92,12 @@ void AudioEngineController::startCapture()
 
 void AudioEngineController::process(Tap& tap, const AudioBuffer& block)
 {
+    if (!tap.heard) {
+        // Speech before the first block is lost: how long this takes is worth knowing.
+        tap.heard = true;
+        const auto waited = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - tap.startedAt);
+        Diagnostics::log(QStringLiteral("audio: first block %1 ms after the start").arg(waited.count(), 0, 'f', 1));
+    }
     const LevelMeter::Reading reading = meter_.measure(block);
     if (onAmplitude)
         onAmplitude(reading.level);

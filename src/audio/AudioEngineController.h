@@ -8,6 +8,7 @@
 #include <QMetaObject>
 #include <QObject>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -46,6 +47,8 @@ private:
     struct Tap {
         std::unique_ptr<AudioConverter> converter;
         AudioFormat target;
+        std::chrono::steady_clock::time_point startedAt;
+        bool heard = false;  // audio thread: a block has come since the start
     };
 
     void installTap();
