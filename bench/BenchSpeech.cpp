@@ -8,6 +8,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 
+#include <sndfile.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -33,6 +34,26 @@ const QStringList kSentences{
     QStringLiteral("my flight lands at seven in the evening so i will take a taxi"),
 };
 
+// About ten seconds each, with the phrase breaks festival puts in a long sentence.
+const QStringList kLongSentences{
+    QStringLiteral("i think we should postpone the product launch by two weeks because the testing team found several "
+                   "problems with the payment page that still need fixing"),
+    QStringLiteral("please book a table for six people at the italian restaurant near the office for thursday evening and "
+                   "tell everyone we meet in the lobby at seven"),
+    QStringLiteral("the weather service expects heavy rain over the weekend so we will move the company picnic indoors and "
+                   "ask the caterers to come on saturday"),
+    QStringLiteral("when you get home tonight could you check whether the package from the bookshop arrived and if it did "
+                   "please put it on my desk"),
+    QStringLiteral("our new office opens next month on the third floor of the building across the river so please pack "
+                   "your desk before the end of the week"),
+    QStringLiteral("the doctor said i should walk for thirty minutes every day drink more water and come back for another "
+                   "check in six weeks"),
+    QStringLiteral("can you ask the team to review the budget for next year and send me their comments by wednesday so "
+                   "we can finish the plan"),
+    QStringLiteral("we drove along the coast for three hours stopped for lunch in a small fishing village and arrived at "
+                   "the hotel just before sunset"),
+};
+
 bool run(const QString& program, const QStringList& args, const QByteArray& input = QByteArray())
 {
     QProcess p;
@@ -44,29 +65,66 @@ bool run(const QString& program, const QStringList& args, const QByteArray& inpu
     return p.waitForFinished(300000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
 }
 
+// A microphone's own hiss (about -75 dBFS, as the tests' pipe microphone makes it) over the whole
+// recording: no real microphone gives digital silence, and the decoder's noise tracking and the
+// pause detector behave differently on it.
+void addHiss(std::vector<float>& samples)
+{
+    std::uint32_t state = 7;
+    for (float& s : samples) {
+        state = state * 1664525u + 1013904223u;
+        s += static_cast<float>(static_cast<int>(state >> 28) - 8) / 32768.0f;
+    }
+}
+
+bool addHissToWav(const QString& path)
+{
+    SF_INFO info{};
+    SNDFILE* in = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
+    if (!in)
+        return false;
+    std::vector<float> samples(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_float(in, samples.data(), info.frames);
+    sf_close(in);
+    addHiss(samples);
+    SNDFILE* out = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
+    if (!out)
+        return false;
+    const bool ok = sf_writef_float(out, samples.data(), info.frames) == info.frames;
+    sf_close(out);
+    return ok;
+}
+
 }  // namespace
 
-std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, double tailSeconds)
+std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, double tailSeconds, Length length)
 {
     QDir().mkpath(cacheDir);
     std::vector<Recording> out;
     const QString lead = QString::number(leadSeconds);
     const QString tail = QString::number(tailSeconds);
-    for (int i = 0; i < kSentences.size(); ++i) {
-        const QString base = QDir(cacheDir).filePath(QStringLiteral("s%1").arg(i, 2, 10, QLatin1Char('0')));
+    const QStringList& sentences = length == Length::sentence ? kSentences : kLongSentences;
+    for (int i = 0; i < sentences.size(); ++i) {
+        const QString base = QDir(cacheDir).filePath(
+            QStringLiteral("%1%2").arg(length == Length::sentence ? QLatin1Char('s') : QLatin1Char('l')).arg(i, 2, 10, QLatin1Char('0')));
         const QString voice = base + QStringLiteral("-voice.wav");
         if (!QFileInfo::exists(voice)
             && !run(QStringLiteral("text2wave"),
                     {QStringLiteral("-eval"), QStringLiteral("(voice_cmu_us_slt_arctic_hts)"), QStringLiteral("-o"), voice},
-                    kSentences[i].toUtf8()))
+                    sentences[i].toUtf8()))
             qFatal("text2wave failed: install festival and festvox-us-slt-hts");
         Recording r;
-        r.text = kSentences[i];
-        r.wavPath = base + QStringLiteral("-%1-%2-48k.wav").arg(lead, tail);
-        const QString raw = base + QStringLiteral("-%1-%2-16k.raw").arg(lead, tail);
-        const QStringList pad{QStringLiteral("pad"), lead, tail};
+        r.text = sentences[i];
+        r.wavPath = base + QStringLiteral("-hiss-%1-%2-48k.wav").arg(lead, tail);
+        const QString raw = base + QStringLiteral("-trim-%1-%2-16k.raw").arg(lead, tail);
+        // The voice's own silence before and after the words is cut, so the pads are all there is.
+        const QStringList trim{QStringLiteral("silence"), QStringLiteral("1"), QStringLiteral("0.01"), QStringLiteral("0.5%"),
+                               QStringLiteral("reverse"), QStringLiteral("silence"), QStringLiteral("1"), QStringLiteral("0.01"),
+                               QStringLiteral("0.5%"), QStringLiteral("reverse")};
+        const QStringList pad = trim + QStringList{QStringLiteral("pad"), lead, tail};
         if (!QFileInfo::exists(r.wavPath)
-            && !run(QStringLiteral("sox"), QStringList{voice, QStringLiteral("-r"), QStringLiteral("48000"), r.wavPath} + pad))
+            && !(run(QStringLiteral("sox"), QStringList{voice, QStringLiteral("-r"), QStringLiteral("48000"), r.wavPath} + pad)
+                 && addHissToWav(r.wavPath)))
             qFatal("sox failed: install sox");
         if (!QFileInfo::exists(raw)
             && !run(QStringLiteral("sox"), QStringList{voice, QStringLiteral("-t"), QStringLiteral("raw"), QStringLiteral("-e"),
@@ -80,6 +138,7 @@ std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, d
         const QByteArray bytes = f.readAll();
         r.mono16k.resize(static_cast<size_t>(bytes.size()) / sizeof(float));
         std::memcpy(r.mono16k.data(), bytes.constData(), r.mono16k.size() * sizeof(float));
+        addHiss(r.mono16k);
         r.seconds = static_cast<double>(r.mono16k.size()) / 16000.0;
         out.push_back(std::move(r));
     }
@@ -146,7 +205,7 @@ double statusMB(const char* field)
 double residentMB() { return statusMB("VmRSS:"); }
 double peakResidentMB() { return statusMB("VmHWM:"); }
 
-BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings)
+BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings) : settings_(settings), pauses_(settings.splitPause)
 {
     const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
     if (!model || !(ps_ = PocketsphinxEngine::createDecoder(*model, settings)))
@@ -159,14 +218,22 @@ void BareDecoder::begin()
 {
     heard_.clear();
     inSegment_ = false;
+    segmentSamples_ = 0;
     ps_start_stream(ps_);
     ps_start_utt(ps_);
+    const std::vector<std::int16_t> quiet = PocketsphinxEngine::leadIn(settings_);
+    ps_process_raw(ps_, quiet.data(), quiet.size(), FALSE, FALSE);
+    pauses_.reset();
+    pauses_.feed(quiet.data(), quiet.size());
 }
 
 void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withPartial)
 {
     ps_process_raw(ps_, samples, count, FALSE, FALSE);
-    if (ps_get_in_speech(ps_)) {
+    segmentSamples_ += static_cast<long>(count);
+    const long splitAfter = static_cast<long>(settings_.splitAfter.count()) * 16;
+    const bool paused = splitAfter > 0 && pauses_.feed(samples, count);
+    if (ps_get_in_speech(ps_) && !(paused && segmentSamples_ >= splitAfter)) {
         inSegment_ = true;
         if (withPartial)
             ps_get_hyp(ps_, nullptr);
@@ -176,6 +243,7 @@ void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withParti
             heard_ << QString::fromUtf8(hyp);
         ps_start_utt(ps_);
         inSegment_ = false;
+        segmentSamples_ = 0;
     }
 }
 

@@ -3,6 +3,7 @@
 // What the speech benchmarks share: the spoken sentences (synthesised once with festival's HTS
 // voice and kept in a cache folder), word error counting and small statistics.
 
+#include "speech/PauseDetector.h"
 #include "speech/PocketsphinxEngine.h"
 
 #include <QString>
@@ -22,9 +23,12 @@ struct Recording {
     double seconds = 0;
 };
 
-// The benchmark sentences, synthesised into `cacheDir` on first use, with `leadSeconds` of silence
-// before and `tailSeconds` after the words (the pause before the key comes up).
-std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds = 0.3, double tailSeconds = 0.3);
+// The benchmark sentences (3-4 s each, or about 10 s), synthesised into `cacheDir` on first use,
+// with `leadSeconds` of silence before and `tailSeconds` after the words (the pause before the key
+// comes up).
+enum class Length { sentence, long_ };
+std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds = 0.3, double tailSeconds = 0.3,
+                                  Length length = Length::sentence);
 
 QStringList words(const QString& text);
 // Word-level edit distance between reference and hypothesis.
@@ -38,8 +42,9 @@ double cpuSeconds();
 double residentMB();
 double peakResidentMB();
 
-// The pocketsphinx decoder driven bare, block by block, ending a segment at its voice-activity end
-// as the engine does. One utterance stream per begin() … end().
+// The pocketsphinx decoder driven bare, block by block, segmenting as the engine does: at its
+// voice-activity end, or at a pause once a segment is long, after the same lead-in. One utterance
+// stream per begin() … end().
 class BareDecoder {
 public:
     explicit BareDecoder(const PocketsphinxEngine::Settings& settings);  // the Debian en-US model
@@ -49,8 +54,11 @@ public:
     QString end();  // ends the last utterance; the whole text heard
 
 private:
+    PocketsphinxEngine::Settings settings_;
+    PauseDetector pauses_;
     ps_decoder_s* ps_ = nullptr;
     bool inSegment_ = false;
+    long segmentSamples_ = 0;
     QStringList heard_;
 };
 

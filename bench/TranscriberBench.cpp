@@ -5,9 +5,11 @@
 // of the same duration, same pacing) in a child process, so each side's memory is its own.
 //
 // Reported for both: real-time factor (process CPU time / audio time), time from the last audio
-// block to the final text (median, 95th percentile), peak resident memory, word errors.
+// block to the final text (median, 95th percentile), peak resident memory, word errors; for the
+// decoder as it was (no lead-in, no early segment ends) and as it is now.
 //
-//   bench_transcriber [cache-folder]
+//   bench_transcriber [cache-folder]   (default: bench-speech in the build folder)
+// It re-runs itself under tests/support/run-test.sh for settings folders of its own.
 
 #include "BenchSpeech.h"
 
@@ -16,9 +18,9 @@
 #include "speech/PocketsphinxEngine.h"
 #include "speech/TranscriberController.h"
 #include "storage/Diagnostics.h"
+#include "storage/Preferences.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -32,6 +34,8 @@
 #include <cmath>
 #include <cstdio>
 #include <thread>
+
+#include <unistd.h>
 
 namespace {
 
@@ -108,9 +112,9 @@ QCoro::Task<Result> realPath(std::vector<BenchSpeech::Recording> recordings)
     co_return tally.result(BenchSpeech::cpuSeconds() - cpu0);
 }
 
-Result bareEngine(const std::vector<BenchSpeech::Recording>& recordings)
+Result bareEngine(const std::vector<BenchSpeech::Recording>& recordings, const PocketsphinxEngine::Settings& settings)
 {
-    BenchSpeech::BareDecoder decoder{PocketsphinxEngine::Settings()};
+    BenchSpeech::BareDecoder decoder{settings};
     // 341 samples at 16 kHz last as long as a 1024-frame block at 48 kHz.
     constexpr size_t block = 341;
     const auto blockDuration = std::chrono::duration<double>(1024.0 / 48000.0);
@@ -135,30 +139,16 @@ Result bareEngine(const std::vector<BenchSpeech::Recording>& recordings)
 
 void printRow(const char* name, const Result& r)
 {
-    std::printf("%-28s %6.3f %9.1fms %9.1fms %8.0fMB %7.1f\n", name, r.rtf, r.endP50, r.endP95, r.peakMB, r.werPercent);
+    std::printf("%s %6.3f %9.1fms %9.1fms %8.0fMB %7.1f\n", name, r.rtf, r.endP50, r.endP95, r.peakMB, r.werPercent);
 }
 
-}  // namespace
+struct Tuning {
+    const char* name;
+    int leadInMs, splitAfterMs;
+};
 
-int main(int argc, char** argv)
+Result runOurs(const std::vector<BenchSpeech::Recording>& recordings)
 {
-    QCoreApplication app(argc, argv);
-    Diagnostics::setMirrored(false);
-    const QStringList args = app.arguments();
-    const bool bare = args.contains(QStringLiteral("--bare"));
-    QString cache = QDir::tempPath() + QStringLiteral("/tolvane-bench-speech");
-    for (const QString& a : args.mid(1)) {
-        if (!a.startsWith(QLatin1String("--")))
-            cache = a;
-    }
-    const auto recordings = BenchSpeech::recordings(cache);
-
-    if (bare) {
-        const QByteArray json = QJsonDocument(bareEngine(recordings).toJson()).toJson(QJsonDocument::Compact);
-        std::printf("%s\n", json.constData());
-        return 0;
-    }
-
     Result ours;
     bool done = false;
     auto runner = [](std::vector<BenchSpeech::Recording> r, Result& out, bool& flag) -> QCoro::Task<> {
@@ -169,22 +159,72 @@ int main(int argc, char** argv)
     };
     QCoro::Task<> running = runner(recordings, ours, done);
     if (!done)
-        app.exec();
+        QCoreApplication::exec();
+    return ours;
+}
 
+Result runBare(const QString& cache, const Tuning& tuning)
+{
     QProcess child;
-    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--bare"), cache});
+    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--bare"), QString::number(tuning.leadInMs),
+                                                          QString::number(tuning.splitAfterMs), cache});
     if (!child.waitForFinished(600000) || child.exitCode() != 0)
         qFatal("the bare-engine run failed");
-    const Result bareResult = Result::fromJson(QJsonDocument::fromJson(child.readAllStandardOutput().trimmed()).object());
+    return Result::fromJson(QJsonDocument::fromJson(child.readAllStandardOutput().trimmed()).object());
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // Settings folders of its own, so the user's are never touched.
+    if (qEnvironmentVariableIsEmpty("TOLVANE_TEST_SANDBOX")) {
+        std::vector<char*> args{const_cast<char*>("bash"), const_cast<char*>(TOLVANE_RUN_TEST)};
+        for (int i = 0; i < argc; ++i)
+            args.push_back(argv[i]);
+        args.push_back(nullptr);
+        ::execvp("bash", args.data());
+        std::perror("bench_transcriber: cannot run " TOLVANE_RUN_TEST);
+        return 1;
+    }
+    QCoreApplication app(argc, argv);
+    Diagnostics::setMirrored(false);
+    QStringList args = app.arguments().mid(1);
+    const bool bare = !args.isEmpty() && args.first() == QLatin1String("--bare");
+    PocketsphinxEngine::Settings bareSettings;
+    if (bare && args.size() >= 3) {
+        bareSettings.leadIn = std::chrono::milliseconds(args[1].toInt());
+        bareSettings.splitAfter = std::chrono::milliseconds(args[2].toInt());
+        args = args.mid(3);
+    }
+    const QString cache = args.value(0, QStringLiteral(TOLVANE_BENCH_CACHE));
+    const auto recordings = BenchSpeech::recordings(cache);
+
+    if (bare) {
+        const QByteArray json = QJsonDocument(bareEngine(recordings, bareSettings).toJson()).toJson(QJsonDocument::Compact);
+        std::printf("%s\n", json.constData());
+        return 0;
+    }
 
     double seconds = 0;
     for (const auto& r : recordings)
         seconds += r.seconds;
     std::printf("%zu sentences, %.1f s of audio in simulated real time, %u cores\n\n", recordings.size(), seconds,
                 std::thread::hardware_concurrency());
-    std::printf("%-28s %6s %11s %11s %10s %7s\n", "", "RTF", "end p50", "end p95", "peak RSS", "WER %");
-    printRow("Tolvane path (48 kHz file)", ours);
-    printRow("bare pocketsphinx (16 kHz)", bareResult);
-    std::printf("\nRTF ratio %.2f (target <= 1.2); end p50 %.1f ms (target <= 100 ms)\n", ours.rtf / bareResult.rtf, ours.endP50);
+    std::printf("%-34s %6s %11s %11s %10s %7s\n", "", "RTF", "end p50", "end p95", "peak RSS", "WER %");
+    const Tuning before{"before", 0, 0};
+    const Tuning now{"now", Settings::speechLeadInMs.fallback, Settings::speechSplitAfterMs.fallback};
+    for (const Tuning& tuning : {before, now}) {
+        Preferences::shared().setValue(Settings::speechLeadInMs, tuning.leadInMs);
+        Preferences::shared().setValue(Settings::speechSplitAfterMs, tuning.splitAfterMs);
+        const Result ours = runOurs(recordings);
+        const Result bareResult = runBare(cache, tuning);
+        std::printf("%-34s", (QStringLiteral("Tolvane path, ") + QLatin1String(tuning.name)).toUtf8().constData());
+        printRow("", ours);
+        std::printf("%-34s", (QStringLiteral("bare pocketsphinx, ") + QLatin1String(tuning.name)).toUtf8().constData());
+        printRow("", bareResult);
+        std::printf("  %s: CPU ratio %.2f (target <= 1.1); end p50 %.1f ms\n\n", tuning.name, ours.rtf / bareResult.rtf,
+                    ours.endP50);
+    }
     return 0;
 }
