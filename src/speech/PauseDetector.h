@@ -8,8 +8,8 @@
 // Finds the pauses between a speaker's phrases in 16 kHz audio, from the loudness of 10 ms frames:
 // a frame is quiet when it is within `margin` of the quietest frame of the last two seconds, which
 // follows the room's noise whatever the microphone's gain, while speech in those seconds stands
-// well above it. A pause is a run of quiet frames at least
-// `length` long; it is reported once, at the frame that makes it long enough.
+// well above it. A pause is a run of quiet frames at least `length` long; it is reported once, at
+// the frame that makes it long enough.
 class PauseDetector {
 public:
     static constexpr int frameSamples = 160;  // 10 ms at 16 kHz

@@ -12,6 +12,7 @@
 #include "speech/SpeechResultStream.h"
 #include "speech/TranscriberController.h"
 #include "storage/DataLocation.h"
+#include "storage/Preferences.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -322,6 +323,7 @@ private Q_SLOTS:
         QStringList committed;  // read once finish() has ended the results thread
         controller.onPartial = [&](QString text, QString) { committed << text; };
         TestSupport::LogMark mark;
+        Preferences::shared().setValue(Settings::speechSplitAfterMs, 2000);
         await(controller.prepare(QStringLiteral("en-us")));
 
         // Audio in another format is dropped and said so; the two sentences after it are heard. The
@@ -330,10 +332,11 @@ private Q_SLOTS:
         await(controller.start());
         feed(controller, first_, {44100, 2});
         std::vector<float> audio(4800, 0.0f);
-        const std::vector<float> spoken = SpeechTest::withoutSilence(first_);
-        audio.insert(audio.end(), spoken.begin(), spoken.end());
-        audio.insert(audio.end(), 2400, 0.0f);
-        audio.insert(audio.end(), second_.begin(), second_.end());
+        for (const auto* sentence : {&first_, &second_}) {
+            const std::vector<float> spoken = SpeechTest::withoutSilence(*sentence);
+            audio.insert(audio.end(), spoken.begin(), spoken.end());
+            audio.insert(audio.end(), 2400, 0.0f);
+        }
         feed(controller, audio);
         const QString text = await(controller.finish());
         QVERIFY2(heard(kFirst + ' ' + kSecond, text) >= 11, qPrintable(text));  // of 15
@@ -346,6 +349,7 @@ private Q_SLOTS:
         QVERIFY2(heard(kSecond, firstCommit) <= 1 && heard(kFirst, firstCommit) >= 5, qPrintable(firstCommit));
 
         models_->settings.emplace().trimDictionary = false;
+        models_->settings->splitAfter = std::chrono::milliseconds(2000);
         await(controller_->prepare(QStringLiteral("en-US")));
         QCOMPARE(transcribe(*controller_, audio), text);
     }
