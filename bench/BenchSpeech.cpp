@@ -10,9 +10,12 @@
 
 #include <sndfile.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace BenchSpeech {
@@ -143,6 +146,23 @@ std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, d
         out.push_back(std::move(r));
     }
     return out;
+}
+
+const QStringList& longSentences() { return kLongSentences; }
+
+void runInSandbox(int argc, char** argv, bool xvfb)
+{
+    if (!qEnvironmentVariableIsEmpty("TOLVANE_TEST_SANDBOX"))
+        return;
+    std::vector<char*> args{const_cast<char*>("bash"), const_cast<char*>(TOLVANE_RUN_TEST)};
+    if (xvfb)
+        args.push_back(const_cast<char*>("--xvfb"));
+    for (int i = 0; i < argc; ++i)
+        args.push_back(argv[i]);
+    args.push_back(nullptr);
+    ::execvp("bash", args.data());
+    std::perror("cannot run " TOLVANE_RUN_TEST);
+    std::exit(1);
 }
 
 QStringList words(const QString& text)

@@ -30,6 +30,14 @@ enum class Length { sentence, long_ };
 std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds = 0.3, double tailSeconds = 0.3,
                                   Length length = Length::sentence);
 
+// The ~10 s sentences, as said.
+const QStringList& longSentences();
+
+// Re-runs the benchmark under tests/support/run-test.sh (with `xvfb`, also on an X server of its
+// own) unless it already runs there, so the user's settings, history and desktop are never touched.
+// Returns only when it already runs there, or with a message when it cannot.
+void runInSandbox(int argc, char** argv, bool xvfb);
+
 QStringList words(const QString& text);
 // Word-level edit distance between reference and hypothesis.
 int wordErrors(const QStringList& reference, const QStringList& hypothesis);

@@ -35,8 +35,6 @@
 #include <cstdio>
 #include <thread>
 
-#include <unistd.h>
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -177,16 +175,7 @@ Result runBare(const QString& cache, const Tuning& tuning)
 
 int main(int argc, char** argv)
 {
-    // Settings folders of its own, so the user's are never touched.
-    if (qEnvironmentVariableIsEmpty("TOLVANE_TEST_SANDBOX")) {
-        std::vector<char*> args{const_cast<char*>("bash"), const_cast<char*>(TOLVANE_RUN_TEST)};
-        for (int i = 0; i < argc; ++i)
-            args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execvp("bash", args.data());
-        std::perror("bench_transcriber: cannot run " TOLVANE_RUN_TEST);
-        return 1;
-    }
+    BenchSpeech::runInSandbox(argc, argv, false);
     QCoreApplication app(argc, argv);
     Diagnostics::setMirrored(false);
     QStringList args = app.arguments().mid(1);

@@ -30,7 +30,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,16 +59,7 @@ const QStringList shortSentences = {
     QStringLiteral("the train to the city leaves at seven fifteen from platform four"),
     QStringLiteral("can you move our meeting with the design group to next tuesday morning"),
 };
-const QStringList longSentences = {
-    QStringLiteral("i think we should postpone the product launch by two weeks because the testing team found several "
-                   "problems with the payment page that still need fixing"),
-    QStringLiteral("please book a table for six people at the italian restaurant near the office for thursday evening and "
-                   "tell everyone we meet in the lobby at seven"),
-    QStringLiteral("the weather service expects heavy rain over the weekend so we will move the company picnic indoors and "
-                   "ask the caterers to come on saturday"),
-    QStringLiteral("when you get home tonight could you check whether the package from the bookshop arrived and if it did "
-                   "please put it on my desk"),
-};
+const QStringList longSentences = BenchSpeech::longSentences().mid(0, 4);
 
 qint64 monotonicUs()
 {
@@ -563,12 +553,12 @@ int benchMain(int runs, int idleSeconds, std::optional<std::pair<double, double>
     QString header = QStringLiteral("\nResult").leftJustified(59);
     for (const Tuning* t : tunings)
         header += t->name.leftJustified(12);
-    print(header + QStringLiteral("target      verdict (now)"));
+    print(header + QStringLiteral("target          verdict (now)"));
     auto row = [](const QString& what, const QStringList& values, const QString& target, const QString& verdictText) {
         QString line = QStringLiteral("  ") + what.leftJustified(56) + QLatin1Char(' ');
         for (const QString& v : values)
             line += v.leftJustified(12);
-        print(line + target.leftJustified(12) + verdictText);
+        print(line + target.leftJustified(16) + verdictText);
     };
     auto firstWordsOf = [](const std::vector<Run>& v) {
         return static_cast<int>(std::count_if(v.begin(), v.end(), [](const Run& x) { return x.firstWord; }));
@@ -658,17 +648,7 @@ int benchMain(int runs, int idleSeconds, std::optional<std::pair<double, double>
 
 int main(int argc, char** argv)
 {
-    // A private X server and XDG folders of its own, as the tests have, so the user's settings,
-    // history and desktop are never touched.
-    if (qEnvironmentVariableIsEmpty("TOLVANE_TEST_SANDBOX")) {
-        std::vector<char*> args{const_cast<char*>("bash"), const_cast<char*>(TOLVANE_RUN_TEST), const_cast<char*>("--xvfb")};
-        for (int i = 0; i < argc; ++i)
-            args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execvp("bash", args.data());
-        std::perror("bench_dictation_latency: cannot run " TOLVANE_RUN_TEST);
-        return 1;
-    }
+    BenchSpeech::runInSandbox(argc, argv, true);
     QCoreApplication app(argc, argv);
     QStringList positional;
     double releaseAfter = NAN, speechAfter = NAN;

@@ -12,18 +12,6 @@
 
 namespace {
 const char* const bufferProperty = "fakeLlmBuffer";
-
-QByteArray reasonPhrase(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 400: return "Bad Request";
-    case 404: return "Not Found";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Status";
-    }
-}
 }  // namespace
 
 QJsonObject FakeLlmServer::Request::json() const { return QJsonDocument::fromJson(body).object(); }
@@ -146,7 +134,8 @@ void FakeLlmServer::respond(QTcpSocket* socket, const Response& response)
     auto send = [guarded, response] {
         if (!guarded)
             return;
-        QByteArray bytes = "HTTP/1.1 " + QByteArray::number(response.status) + ' ' + reasonPhrase(response.status)
+        // The reason phrase is not read by clients; the status code is.
+        QByteArray bytes = "HTTP/1.1 " + QByteArray::number(response.status) + (response.status == 200 ? " OK" : " Error")
                            + "\r\nContent-Type: application/json\r\nContent-Length: "
                            + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n" + response.body;
         guarded->write(bytes);
