@@ -86,14 +86,15 @@ bool addHissToWav(const QString& path)
     SNDFILE* in = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
     if (!in)
         return false;
-    std::vector<float> samples(static_cast<size_t>(info.frames * info.channels));
-    sf_readf_float(in, samples.data(), info.frames);
+    const sf_count_t frames = info.frames;  // opening for writing sets it to 0
+    std::vector<float> samples(static_cast<size_t>(frames * info.channels));
+    sf_readf_float(in, samples.data(), frames);
     sf_close(in);
     addHiss(samples);
     SNDFILE* out = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
     if (!out)
         return false;
-    const bool ok = sf_writef_float(out, samples.data(), info.frames) == info.frames;
+    const bool ok = frames > 0 && sf_writef_float(out, samples.data(), frames) == frames;
     sf_close(out);
     return ok;
 }
