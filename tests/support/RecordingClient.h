@@ -8,7 +8,7 @@
 #include <functional>
 #include <optional>
 
-// Drives the recording client (RecordingClient.cpp) from a test or benchmark on the same X display,
+// Drives the recording client (RecordingClientApp.cpp) from a test or benchmark on the same X display,
 // and presses keys as a user would, through XTest on a connection of its own.
 class RecordingClient final : public QObject {
     Q_OBJECT

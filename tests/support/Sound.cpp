@@ -8,21 +8,35 @@
 #include <QProcess>
 #include <QThread>
 
+#include <csignal>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sndfile.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cerrno>
-#include <cstring>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <numbers>
 #include <thread>
 
 namespace AudioTest {
+
+namespace {
+// On the calling thread: a server that goes away mid-test fails the write to its pipe instead of
+// ending the test with SIGPIPE.
+void blockBrokenPipe()
+{
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+}
+}  // namespace
 
 AudioBuffer sine(AudioFormat format, int frames, double frequency, float amplitude, long offset)
 {
@@ -166,6 +180,7 @@ void PipeMicrophone::speak(const QByteArray& pcm, bool pace)
     }
     std::atomic<bool> done{false};
     std::thread writer([&] {
+        blockBrokenPipe();
         const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
         if (fd >= 0) {
             constexpr qsizetype piece = 16000 * 2 / 10;
@@ -216,6 +231,7 @@ std::optional<PipeMicrophone::Clock::time_point> PipeMicrophone::waitUntilSaid(i
 
 void PipeMicrophone::feed()
 {
+    blockBrokenPipe();
     const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
     if (fd < 0)
         return;
