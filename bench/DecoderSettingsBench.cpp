@@ -31,6 +31,7 @@ struct Candidate {
 
 int main(int argc, char** argv)
 {
+    BenchSpeech::runInSandbox(argc, argv, false);  // the trimmed dictionary goes to the sandbox's cache
     QCoreApplication app(argc, argv);
     const QString cache = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral(TOLVANE_BENCH_CACHE);
 
