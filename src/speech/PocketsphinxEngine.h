@@ -58,9 +58,9 @@ public:
         // phrases, so the second pass over it runs while the user still speaks and the key-up
         // finds only a short last segment to finish. Zero never ends a segment early, and is the
         // default: in bench_dictation_latency ending ~10 s dictations after 2 s at 0.1 s pauses
-        // brings the key-up → text time from ~270 ms to ~60 ms, but the decoder, which starts each
-        // segment without the words before it, got 2-4 words in 100 more wrong. A tenth of a
-        // second is the pause that finds the breaks in running speech (0.15 s found almost none).
+        // brings the key-up → text time from ~270 ms to 50-70 ms, but the decoder, which starts
+        // each segment without the words before it, got about 4 more words in 100 wrong. A tenth of
+        // a second is the pause that finds the breaks in running speech (0.15 s found almost none).
         std::chrono::milliseconds splitAfter{0};
         std::chrono::milliseconds splitPause{100};
         // Load only the dictionary entries the language model knows: the same words, less memory.
