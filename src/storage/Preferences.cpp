@@ -1,5 +1,6 @@
 #include "storage/Preferences.h"
 
+#include "storage/DataLocation.h"
 #include "storage/Diagnostics.h"
 
 #include <QCoreApplication>
@@ -75,7 +76,16 @@ Preferences& Preferences::shared()
 }
 
 Preferences::Preferences() : settings_(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Tolvane"),
-                                       QStringLiteral("Tolvane")) {}
+                                       QStringLiteral("Tolvane"))
+{
+    // Damaged settings read as the defaults, and the next change replaces the file: keep it.
+    if (settings_.status() == QSettings::FormatError) {
+        const QString copy = keepDamagedCopy(settings_.fileName());
+        Diagnostics::log(QStringLiteral("prefs: %1 cannot be read; using the defaults; ").arg(settings_.fileName())
+                         + (copy.isEmpty() ? QStringLiteral("no copy of it could be made")
+                                           : QStringLiteral("the file as it was is kept in ") + copy));
+    }
+}
 
 QString Preferences::storePath() const { return settings_.fileName(); }
 

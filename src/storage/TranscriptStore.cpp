@@ -1,6 +1,7 @@
 #include "storage/TranscriptStore.h"
 
 #include "storage/DataLocation.h"
+#include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 
 #include <QCoreApplication>
@@ -37,22 +38,38 @@ std::optional<TranscriptEntry> parseLine(const QByteArray& line)
     return TranscriptEntry{QUuid::createUuid(), o.value(tsKey).toString(), o.value(textKey).toString()};
 }
 
+// Says what could not be read, and keeps a copy of the file: the next append replaces it whole.
+void reportDamage(const QString& path, const QString& what)
+{
+    const QString copy = keepDamagedCopy(path);
+    Diagnostics::log(QStringLiteral("history: %1 in %2; ").arg(what, path)
+                     + (copy.isEmpty() ? QStringLiteral("no copy of it could be made")
+                                       : QStringLiteral("the file as it was is kept in ") + copy));
+}
+
 QList<TranscriptEntry> readFromDisk(const QString& path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
     const QByteArray bytes = file.readAll();
-    // A file that is not UTF-8 as a whole is not ours: start afresh (the next append replaces it).
+    // A file that is not UTF-8 as a whole is not ours: start afresh.
     QStringDecoder utf8(QStringDecoder::Utf8);
     const QString text = utf8(bytes);
-    if (utf8.hasError())
+    if (utf8.hasError()) {
+        reportDamage(path, QStringLiteral("text that is not UTF-8"));
         return {};
+    }
     QList<TranscriptEntry> result;
+    int unreadable = 0;
     for (const QStringView line : QStringView(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         if (auto entry = parseLine(line.toUtf8()))
             result.append(*entry);
+        else
+            ++unreadable;
     }
+    if (unreadable > 0)
+        reportDamage(path, QStringLiteral("%1 unreadable line(s) skipped").arg(unreadable));
     return result;
 }
 

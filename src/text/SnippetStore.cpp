@@ -1,5 +1,6 @@
 #include "text/SnippetStore.h"
 
+#include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 
 #include <QJsonArray>
@@ -75,8 +76,19 @@ QList<Snippet> load()
     const std::optional<QByteArray> data = Preferences::shared().dataValue(storeKey);
     if (!data)
         return {};
-    // Undecodable data is left where it is; the next save replaces it.
-    return decode(*data).value_or(QList<Snippet>{});
+    std::optional<QList<Snippet>> snippets = decode(*data);
+    if (!snippets) {
+        // Left where it is, but the next save replaces it: keep a copy beside it, and say so once.
+        const QString copyKey = storeKey + QStringLiteral(".damaged");
+        if (Preferences::shared().dataValue(copyKey) != data) {
+            Preferences::shared().setData(copyKey, *data);
+            Diagnostics::log(QStringLiteral("snippets: the stored snippets cannot be read; none are offered, and the data "
+                                            "as it was is kept under \"%1\" in %2")
+                                 .arg(copyKey, Preferences::shared().storePath()));
+        }
+        return {};
+    }
+    return *snippets;
 }
 
 void save(const QList<Snippet>& list)

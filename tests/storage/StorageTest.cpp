@@ -190,7 +190,8 @@ private Q_SLOTS:
         QCOMPARE(changed.count(), 2);
     }
 
-    // Damaged lines are skipped; a file that is not UTF-8 at all is not ours and starts afresh.
+    // Damaged lines are skipped; a file that is not UTF-8 at all is not ours and starts afresh. Either
+    // way the log says so and names a copy of the file as it was, which the next append leaves alone.
     void damagedHistoryKeepsWhatIsReadable_data()
     {
         QTest::addColumn<QByteArray>("bytes");
@@ -207,8 +208,15 @@ private Q_SLOTS:
         QFETCH(QByteArray, bytes);
         QFETCH(QStringList, read);
         writeBytes(path_, bytes);
-        QCOMPARE(texts(TranscriptStore(path_).entries()), read);
+        const TestSupport::LogMark mark;
+        TranscriptStore store(path_);
+        QCOMPARE(texts(store.entries()), read);
         QCOMPARE(readBytes(path_), bytes);  // reading never rewrites it
+        store.append(QStringLiteral("new"));
+        store.waitForWrites();
+        const QString said = mark.messages().filter(QStringLiteral("history: ")).value(0);
+        QVERIFY2(said.contains(QStringLiteral(" in ") + path_ + QStringLiteral("; the file as it was is kept in ")), qPrintable(said));
+        QCOMPARE(readBytes(said.section(QStringLiteral("kept in "), 1)), bytes);
     }
 
     // The file is only ever replaced whole: a write that fails half-way (disk full) leaves the previous one.

@@ -45,8 +45,9 @@ private Q_SLOTS:
         server_->configureCleanup();
     }
 
-    // Data that does not decode as a whole reads as no snippets and stays as it is until the next save,
-    // which stores a compact JSON array with canonical upper-case ids, as other versions read it.
+    // Data that does not decode as a whole reads as no snippets, stays as it is until the next save and
+    // is kept under another key, which that save leaves alone; the save stores a compact JSON array
+    // with canonical upper-case ids, as other versions read it.
     void storedSnippetsAreReadOnlyWhenWhole_data()
     {
         QTest::addColumn<QByteArray>("data");
@@ -73,6 +74,9 @@ private Q_SLOTS:
         QCOMPARE(Preferences::shared().dataValue(key).value_or(QByteArray()), data);  // reading never rewrites it
         const Snippet fresh = make(u"a"_s, u"new \"line\"\n"_s);
         SnippetStore::save({fresh});
+        const bool damaged = !data.isEmpty() && triggers.isEmpty();
+        QCOMPARE(Preferences::shared().dataValue(key + u".damaged"_s), damaged ? std::optional(data) : std::nullopt);
+        Preferences::shared().remove(key + u".damaged"_s);
         QCOMPARE(SnippetStore::load(), QList<Snippet>{fresh});
         QCOMPARE(SnippetStore::expand(u"snippet a"_s), std::optional<QString>(fresh.replacement));  // no stale copy
         QCOMPARE(Preferences::shared().dataValue(key).value_or(QByteArray()),
