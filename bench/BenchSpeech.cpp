@@ -226,7 +226,7 @@ double statusMB(const char* field)
 double residentMB() { return statusMB("VmRSS:"); }
 double peakResidentMB() { return statusMB("VmHWM:"); }
 
-BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings) : settings_(settings), pauses_(settings.splitPause)
+BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings) : settings_(settings), splitter_(settings.splitAfter, settings.splitPause)
 {
     const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
     if (!model || !(ps_ = PocketsphinxEngine::createDecoder(*model, settings)))
@@ -239,22 +239,18 @@ void BareDecoder::begin()
 {
     heard_.clear();
     inSegment_ = false;
-    segmentSamples_ = 0;
     ps_start_stream(ps_);
     ps_start_utt(ps_);
     const std::vector<std::int16_t> quiet = PocketsphinxEngine::leadIn(settings_);
     ps_process_raw(ps_, quiet.data(), quiet.size(), FALSE, FALSE);
-    pauses_.reset();
-    pauses_.feed(quiet.data(), quiet.size());
+    splitter_.begin(quiet);
 }
 
 void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withPartial)
 {
     ps_process_raw(ps_, samples, count, FALSE, FALSE);
-    segmentSamples_ += static_cast<long>(count);
-    const long splitAfter = static_cast<long>(settings_.splitAfter.count()) * 16;
-    const bool paused = splitAfter > 0 && pauses_.feed(samples, count);
-    if (ps_get_in_speech(ps_) && !(paused && segmentSamples_ >= splitAfter)) {
+    const bool split = splitter_.shouldEnd(samples, count);
+    if (ps_get_in_speech(ps_) && !split) {
         inSegment_ = true;
         if (withPartial)
             ps_get_hyp(ps_, nullptr);
@@ -264,7 +260,7 @@ void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withParti
             heard_ << QString::fromUtf8(hyp);
         ps_start_utt(ps_);
         inSegment_ = false;
-        segmentSamples_ = 0;
+        splitter_.segmentEnded();
     }
 }
 

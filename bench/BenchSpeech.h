@@ -63,10 +63,9 @@ public:
 
 private:
     PocketsphinxEngine::Settings settings_;
-    PauseDetector pauses_;
+    SegmentSplitter splitter_;
     ps_decoder_s* ps_ = nullptr;
     bool inSegment_ = false;
-    long segmentSamples_ = 0;
     QStringList heard_;
 };
 

@@ -31,6 +31,24 @@ bool PauseDetector::feed(const std::int16_t* samples, std::size_t count)
     return found;
 }
 
+SegmentSplitter::SegmentSplitter(std::chrono::milliseconds after, std::chrono::milliseconds pause)
+    : pauses_(pause), afterSamples_(static_cast<long>(after.count()) * 16)
+{
+}
+
+void SegmentSplitter::begin(const std::vector<std::int16_t>& leadIn)
+{
+    pauses_.reset();
+    pauses_.feed(leadIn.data(), leadIn.size());
+    segmentSamples_ = 0;
+}
+
+bool SegmentSplitter::shouldEnd(const std::int16_t* samples, std::size_t count)
+{
+    segmentSamples_ += static_cast<long>(count);
+    return afterSamples_ > 0 && pauses_.feed(samples, count) && segmentSamples_ >= afterSamples_;
+}
+
 bool PauseDetector::endFrame()
 {
     const double db = 10.0 * std::log10(energy_ / frameSamples + 1.0);

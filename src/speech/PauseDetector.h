@@ -32,3 +32,21 @@ private:
     int inFrame_ = 0;
     int quietRun_ = 0;
 };
+
+// When to end a decoder's segment early: once it has lasted `after`, at the next pause of `pause`.
+// Zero `after` never ends one. The engine and the benchmarks' bare decoder segment alike through it.
+class SegmentSplitter {
+public:
+    SegmentSplitter(std::chrono::milliseconds after, std::chrono::milliseconds pause);
+
+    // A new stream, whose quiet lead-in sets the floor pauses are measured against.
+    void begin(const std::vector<std::int16_t>& leadIn);
+    // Takes the open segment's next samples; true when it should end after them.
+    bool shouldEnd(const std::int16_t* samples, std::size_t count);
+    void segmentEnded() { segmentSamples_ = 0; }
+
+private:
+    PauseDetector pauses_;
+    long afterSamples_;
+    long segmentSamples_ = 0;
+};

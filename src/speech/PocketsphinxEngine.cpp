@@ -248,8 +248,7 @@ public:
     PocketsphinxAnalyzer(std::shared_ptr<PocketsphinxEngine> engine, std::shared_ptr<SpeechResultStream> results)
         : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()),
           engine_(std::move(engine)),
-          pauses_(engine_->settings_.splitPause),
-          splitAfterSamples_(static_cast<long>(engine_->settings_.splitAfter.count()) * 16)
+          splitter_(engine_->settings_.splitAfter, engine_->settings_.splitPause)
     {
     }
     ~PocketsphinxAnalyzer() override { stopDecoding(); }
@@ -265,8 +264,7 @@ protected:
         const std::vector<int16> quiet = PocketsphinxEngine::leadIn(engine_->settings_);
         if (!quiet.empty() && ps_process_raw(ps, quiet.data(), quiet.size(), FALSE, FALSE) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
-        pauses_.reset();
-        pauses_.feed(quiet.data(), quiet.size());  // the floor a pause is measured against
+        splitter_.begin(quiet);
     }
 
     void decode(const AudioBuffer& buffer) override
@@ -293,9 +291,8 @@ protected:
         ps_decoder_t* ps = engine_->decoder_;
         if (ps_process_raw(ps, pcm_.data(), pcm_.size(), FALSE, FALSE) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
-        segmentSamples_ += static_cast<long>(pcm_.size());
-        const bool paused = splitAfterSamples_ > 0 && pauses_.feed(pcm_.data(), pcm_.size());
-        if (ps_get_in_speech(ps) && !(paused && segmentSamples_ >= splitAfterSamples_)) {
+        const bool split = splitter_.shouldEnd(pcm_.data(), pcm_.size());
+        if (ps_get_in_speech(ps) && !split) {
             inSegment_ = true;
         } else if (inSegment_) {
             closeUtterance();
@@ -337,7 +334,7 @@ private:
         ps_end_utt(ps);
         uttOpen_ = false;
         inSegment_ = false;
-        segmentSamples_ = 0;
+        splitter_.segmentEnded();
         const char* hyp = ps_get_hyp(ps, nullptr);
         const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
         if (!text.isEmpty())
@@ -350,9 +347,7 @@ private:
     std::shared_ptr<PocketsphinxEngine> engine_;
     std::unique_lock<std::mutex> busy_;
     std::vector<int16> pcm_;
-    PauseDetector pauses_;
-    const long splitAfterSamples_;
-    long segmentSamples_ = 0;  // decoded since the open utterance began
+    SegmentSplitter splitter_;
     QString lastVolatile_;
     bool claimed_ = false;
     bool uttOpen_ = false;
