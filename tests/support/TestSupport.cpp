@@ -66,24 +66,15 @@ void run(QCoro::Task<> task)
     waitUntil([&] { return done; }, 30000);
 }
 
-void await(QCoro::Task<void> task)
+namespace {
+QCoro::Task<bool> finished(QCoro::Task<void> task)
 {
-    std::exception_ptr error;
-    bool done = false;
-    auto wrap = [](QCoro::Task<void> t, std::exception_ptr& e, bool& flag) -> QCoro::Task<> {
-        try {
-            co_await t;
-        } catch (...) {
-            e = std::current_exception();
-        }
-        flag = true;
-    };
-    run(wrap(std::move(task), error, done));
-    if (error)
-        std::rethrow_exception(error);
-    if (!done)
-        throw std::runtime_error("task did not finish in time");
+    co_await task;
+    co_return true;
 }
+}  // namespace
+
+void await(QCoro::Task<void> task) { await(finished(std::move(task))); }
 
 void stop(QProcess& process)
 {
