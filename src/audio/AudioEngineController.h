@@ -3,7 +3,7 @@
 #include "audio/AudioConverter.h"
 #include "audio/CaptureSource.h"
 #include "audio/LevelMeter.h"
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 
 #include <QMetaObject>
 #include <QObject>

@@ -1,6 +1,6 @@
 #include "audio/FileSource.h"
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 #include "storage/Diagnostics.h"
 
 #include <QFile>

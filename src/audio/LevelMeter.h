@@ -1,6 +1,6 @@
 #pragma once
 
-#include "audio/AudioBuffer.h"
+#include "core/AudioBuffer.h"
 
 #include <cstdint>
 

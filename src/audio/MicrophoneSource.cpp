@@ -1,7 +1,7 @@
 #include "audio/MicrophoneSource.h"
 
 #include "audio/DefaultSourceWatcher.h"
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 #include "storage/Diagnostics.h"
 
 #include <QAudioDevice>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 
 #include <QDateTime>
 #include <QObject>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "audio/AudioBuffer.h"
-#include "dictation/Collaborators.h"
+#include "core/AudioBuffer.h"
+#include "core/Collaborators.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "speech/DecodingAnalyzer.h"
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 #include "speech/AnalyzerInputStream.h"
 #include "speech/SpeechFormat.h"
 #include "speech/SpeechResultStream.h"

@@ -1,6 +1,6 @@
 #include "speech/ModelInventory.h"
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 #include "speech/Background.h"
 #include "speech/PocketsphinxEngine.h"
 #include "storage/DataLocation.h"

@@ -1,6 +1,6 @@
 #include "speech/PocketsphinxEngine.h"
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 #include "speech/DecodingAnalyzer.h"
 #include "speech/PauseDetector.h"
 #include "speech/PronouncingDictionary.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "keyboard/ActivationKey.h"
-#include "text/CleanupMode.h"
+#include "core/ActivationKey.h"
+#include "core/CleanupMode.h"
 
 #include <QByteArray>
 #include <QObject>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "text/CleanupMode.h"
+#include "core/CleanupMode.h"
 
 #include <QObject>
 #include <QString>

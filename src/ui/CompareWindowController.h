@@ -1,7 +1,7 @@
 #pragma once
 
+#include "core/Collaborators.h"
 #include "dictation/CompareModel.h"
-#include "dictation/Collaborators.h"
 
 #include <QObject>
 #include <QPointer>

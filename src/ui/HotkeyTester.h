@@ -1,6 +1,6 @@
 #pragma once
 
-#include "keyboard/ActivationKey.h"
+#include "core/ActivationKey.h"
 
 #include <QWidget>
 

@@ -3,7 +3,7 @@
 // Fakes of the dictation controller's collaborators. Each records its calls, in order, in one
 // shared journal; awaited operations can be held open to test what happens meanwhile.
 
-#include "dictation/Collaborators.h"
+#include "core/Collaborators.h"
 
 #include <QObject>
 #include <QStringList>

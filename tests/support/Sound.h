@@ -2,7 +2,7 @@
 
 // Signals made in code, WAV files, and sound servers of the test's own.
 
-#include "audio/AudioBuffer.h"
+#include "core/AudioBuffer.h"
 
 #include <QByteArray>
 #include <QProcess>

@@ -4,8 +4,8 @@
 // Each platform class implements one of these; tests drive the controller with fakes. A callback
 // left empty is skipped.
 
-#include "audio/AudioBuffer.h"
-#include "keyboard/ActivationKey.h"
+#include "core/ActivationKey.h"
+#include "core/AudioBuffer.h"
 
 #include <QString>
 

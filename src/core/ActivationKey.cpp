@@ -1,4 +1,4 @@
-#include "keyboard/ActivationKey.h"
+#include "core/ActivationKey.h"
 
 namespace ActivationKeys {
 

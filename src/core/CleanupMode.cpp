@@ -1,4 +1,4 @@
-#include "text/CleanupMode.h"
+#include "core/CleanupMode.h"
 
 namespace CleanupModes {
 
