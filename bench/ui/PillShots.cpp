@@ -1,10 +1,10 @@
 // Not a test: shows the pill in each state and the open tray menu on a light desktop, and saves
 // screenshots for a designer's look. Run it on an X server (a compositing manager makes the pill's
 // translucency real), e.g. QT_SCALE_FACTOR=3 pill_shots OUTDIR.
-#include "ui/MenuBarController.h"
-#include "ui/OverlayController.h"
-#include "ui/Theme.h"
-#include "ui/WaveformPanelView.h"
+#include "ui/pill/OverlayController.h"
+#include "ui/pill/WaveformPanelView.h"
+#include "ui/tray/MenuBarController.h"
+#include "ui/widgets/Theme.h"
 
 #include <QAbstractButton>
 #include <QApplication>

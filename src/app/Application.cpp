@@ -8,10 +8,10 @@
 #include "speech/TranscriberController.h"
 #include "storage/Diagnostics.h"
 #include "storage/TranscriptStore.h"
-#include "ui/MenuBarController.h"
-#include "ui/OverlayController.h"
-#include "ui/SettingsView.h"
-#include "ui/TaskbarPresence.h"
+#include "ui/pill/OverlayController.h"
+#include "ui/settings/SettingsView.h"
+#include "ui/tray/MenuBarController.h"
+#include "ui/widgets/TaskbarPresence.h"
 
 #include <QApplication>
 #include <QMessageBox>

@@ -4,10 +4,10 @@
 #include "app/SingleInstance.h"
 #include "dictation/AppDelegate.h"
 #include "text/CleanupEngine.h"
-#include "ui/AboutWindowController.h"
-#include "ui/CompareWindowController.h"
-#include "ui/SettingsWindowController.h"
-#include "ui/UpdateChecker.h"
+#include "ui/settings/SettingsWindowController.h"
+#include "ui/tray/UpdateChecker.h"
+#include "ui/windows/AboutWindowController.h"
+#include "ui/windows/CompareWindowController.h"
 
 #include <QObject>
 #include <QPointer>

@@ -3,8 +3,8 @@
 #include "app/CommandLine.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
-#include "ui/ScreenshotMode.h"
-#include "ui/Theme.h"
+#include "ui/widgets/Theme.h"
+#include "ui/windows/ScreenshotMode.h"
 #include "ui/x11/X11Desktop.h"
 
 #include <QApplication>

@@ -3,9 +3,9 @@
 #include "UiTest.h"
 #include "storage/Preferences.h"
 #include "support/RecordingClient.h"
-#include "ui/OverlayController.h"
-#include "ui/OverlayPlacement.h"
-#include "ui/WaveformPanelView.h"
+#include "ui/pill/OverlayController.h"
+#include "ui/pill/OverlayPlacement.h"
+#include "ui/pill/WaveformPanelView.h"
 #include "ui/x11/X11Desktop.h"
 
 #include <QAbstractButton>

@@ -3,7 +3,7 @@
 #include "storage/Preferences.h"
 #include "support/TestSupport.h"
 #include "text/SnippetStore.h"
-#include "ui/SettingsView.h"
+#include "ui/settings/SettingsView.h"
 
 #include <QFile>
 #include <QImage>
