@@ -1,8 +1,8 @@
 // The pill: its placement and animation computed alone, then as a user meets it on a real X server:
 // what it draws, where it appears, how it widens, that it keeps its place and never takes the focus.
-#include "UiTest.h"
 #include "storage/Preferences.h"
 #include "support/RecordingClient.h"
+#include "ui/UiTest.h"
 #include "ui/pill/OverlayController.h"
 #include "ui/pill/OverlayPlacement.h"
 #include "ui/pill/WaveformPanelView.h"

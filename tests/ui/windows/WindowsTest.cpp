@@ -1,10 +1,10 @@
 // The tray menu and what it opens: the Settings window and its panes, the comparison and About
 // windows and the update check, driven on a real X server as a user drives them.
-#include "UiTest.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
 #include "support/RecordingClient.h"
 #include "text/SnippetStore.h"
+#include "ui/UiTest.h"
 #include "ui/settings/GeneralPane.h"
 #include "ui/settings/HistoryPane.h"
 #include "ui/settings/HotkeyTester.h"
