@@ -2,7 +2,10 @@
 
 #include "ui/widgets/Theme.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPainter>
@@ -14,11 +17,17 @@
 #define TOLVANE_VERSION ""
 #endif
 
-const QString AboutView::makerName = QStringLiteral("Example Maker");
-const QString AboutView::makerDomain = QStringLiteral("maker.example.invalid");
-const QString AboutView::homePageAddress = QStringLiteral("https://maker.example.invalid/tolvane");
-const QString AboutView::makerAddress = QStringLiteral("https://maker.example.invalid/");
-const QString AboutView::ownershipNotice = QStringLiteral("© 2026 Example Maker. All rights reserved.");
+#ifndef TOLVANE_HOMEPAGE
+#define TOLVANE_HOMEPAGE ""
+#endif
+#ifndef TOLVANE_SOURCE_DIR
+#define TOLVANE_SOURCE_DIR ""
+#endif
+#ifndef TOLVANE_BUILD_DIR
+#define TOLVANE_BUILD_DIR ""
+#endif
+
+const QString AboutView::ownershipNotice = QStringLiteral("© 2026 The Tolvane developers");
 
 namespace {
 
@@ -96,20 +105,19 @@ AboutView::AboutView(std::optional<QString> displayVersion, QWidget* parent)
     v->addSpacing(18);
     v->addWidget(Theme::makeDivider());
     v->addSpacing(18);
-    v->addWidget(centred(QStringLiteral("From ") + makerName, Theme::font(Theme::TextStyle::headline), Theme::primaryText()));
+    v->addWidget(centred(QStringLiteral("Free software, MIT licence"), Theme::font(Theme::TextStyle::headline),
+                         Theme::primaryText()));
     v->addSpacing(8);
-    v->addWidget(centred(makerName + QStringLiteral(" builds privacy-first software for web, mobile and desktop. "
-                                                    "Tolvane is free, needs no account and no subscription, and "
-                                                    "sends nothing off this computer."),
+    v->addWidget(centred(QStringLiteral("Tolvane is free, needs no account and no subscription, and sends nothing "
+                                        "off this computer. You may use, change and share it under the MIT licence."),
                          Theme::font(Theme::TextStyle::callout), Theme::secondaryText()));
     v->addSpacing(14);
-    auto* home = new LinkButton(QStringLiteral("Tolvane home"), Theme::Symbol::house, homePageAddress);
-    home->setObjectName(QStringLiteral("homeLink"));
-    v->addWidget(home);
-    v->addSpacing(8);
-    auto* visit = new LinkButton(QStringLiteral("Visit ") + makerDomain, Theme::Symbol::globe, makerAddress);
-    visit->setObjectName(QStringLiteral("makerLink"));
-    v->addWidget(visit);
+    for (const Link& link : links(QStringLiteral(TOLVANE_HOMEPAGE), documentFolders())) {
+        auto* button = new LinkButton(link.title, link.symbol, link.address);
+        button->setObjectName(link.objectName);
+        v->addWidget(button);
+        v->addSpacing(8);
+    }
     v->addStretch(1);
     v->addWidget(centred(ownershipNotice, Theme::font(Theme::TextStyle::caption2), Theme::tertiaryText()));
 }
@@ -123,10 +131,48 @@ QString AboutView::versionLine(std::optional<QString> displayVersion, const QStr
     return QStringLiteral("Version ") + (buildVersion.isEmpty() ? QStringLiteral("1.0.5") : buildVersion);
 }
 
-bool AboutView::openAddress(const QString& address)
+QList<AboutView::DocumentFolder> AboutView::documentFolders()
+{
+    // Beside the installed program whatever the prefix: <prefix>/bin/tolvane, <prefix>/share/doc/tolvane.
+    const QString docs = QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../share/doc/tolvane"));
+    const DocumentFolder installed{docs, QStringLiteral("copyright")};
+    const DocumentFolder source{QStringLiteral(TOLVANE_SOURCE_DIR), QStringLiteral("LICENSE")};
+    // Run from the build folder, the source tree's files describe this build; installed, the
+    // package's copies do, and a source tree elsewhere on the disk may be of another version.
+    const bool fromBuild = !source.path.isEmpty() &&
+                           QDir(QCoreApplication::applicationDirPath()) == QDir(QStringLiteral(TOLVANE_BUILD_DIR));
+    return fromBuild ? QList{source, installed} : QList{installed};
+}
+
+QList<AboutView::Link> AboutView::links(const QString& homepage, const QList<DocumentFolder>& folders)
+{
+    QList<Link> result;
+    // A document is linked only where it exists, so no button leads nowhere.
+    for (const DocumentFolder& folder : folders) {
+        const QString readme = folder.path + QStringLiteral("/README.md");
+        const QString licence = folder.path + QLatin1Char('/') + folder.licenceFile;
+        if (!QFileInfo(readme).isFile() || !QFileInfo(licence).isFile())
+            continue;
+        result.append({QStringLiteral("Read me"), Theme::Symbol::docOnDoc,
+                       QUrl::fromLocalFile(readme).toString(), QStringLiteral("readmeLink")});
+        result.append({QStringLiteral("Licence"), Theme::Symbol::docOnDoc,
+                       QUrl::fromLocalFile(licence).toString(), QStringLiteral("licenceLink")});
+        break;
+    }
+    if (isOpenableAddress(homepage))
+        result.append({QStringLiteral("Tolvane home"), Theme::Symbol::house, homepage, QStringLiteral("homeLink")});
+    return result;
+}
+
+bool AboutView::isOpenableAddress(const QString& address)
 {
     const QUrl url(address, QUrl::StrictMode);
-    if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty())
+    if (!url.isValid() || url.scheme().isEmpty())
         return false;
-    return QDesktopServices::openUrl(url);
+    return url.isLocalFile() ? QFileInfo(url.toLocalFile()).isFile() : !url.host().isEmpty();
+}
+
+bool AboutView::openAddress(const QString& address)
+{
+    return isOpenableAddress(address) && QDesktopServices::openUrl(QUrl(address, QUrl::StrictMode));
 }

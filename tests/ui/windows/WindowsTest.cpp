@@ -21,6 +21,7 @@
 
 #include <QClipboard>
 #include <QComboBox>
+#include <QDir>
 #include <QFile>
 #include <QGuiApplication>
 #include <QLabel>
@@ -339,6 +340,26 @@ private Q_SLOTS:
         QVERIFY(waitUntil([&] { return outOfTheTaskbar(window) == QList<bool>(3, true); }));
         Preferences::shared().setShowDockIcon(true);
         QVERIFY(!AboutView::openAddress(QStringLiteral("not a url")));
+        // No link leads nowhere: documents only from a folder holding both, a home page only when set.
+        QVERIFY(!window->findChild<QWidget*>(QStringLiteral("homeLink")));
+        const QString docs = QDir::tempPath() + QStringLiteral("/doc");
+        QDir().mkpath(docs);
+        for (const char* name : {"README.md", "copyright"}) {
+            QFile file(docs + QLatin1Char('/') + QLatin1String(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
+        const auto titles = [](const QList<AboutView::Link>& links) {
+            QStringList t;
+            for (const AboutView::Link& link : links)
+                t << link.title + (AboutView::isOpenableAddress(link.address) ? "" : " (nowhere)");
+            return t.join(u',');
+        };
+        const AboutView::DocumentFolder noLicence{docs, QStringLiteral("LICENSE")};
+        QCOMPARE(titles(AboutView::links({}, {noLicence, {docs, QStringLiteral("copyright")}})),
+                 QStringLiteral("Read me,Licence"));
+        QCOMPARE(titles(AboutView::links(QStringLiteral("https://tolvane.example.org/"), {noLicence})),
+                 QStringLiteral("Tolvane home"));
+        QVERIFY(!AboutView::isOpenableAddress(QUrl::fromLocalFile(docs + QStringLiteral("/LICENSE")).toString()));
         window->close();
         about.show();
         QVERIFY(about.window() == window && window->isVisible());
