@@ -63,16 +63,20 @@ Application::~Application()
     TranscriptStore::shared().waitForWrites();
 }
 
-bool Application::launch()
+bool Application::launch(bool openSettings)
 {
     if (single_.notifyRunningInstance())
         return false;
-    single_.listen([this] {
-        if (bootstrap_)
+    single_.listen([this](SingleInstance::Request request) {
+        if (request == SingleInstance::Request::quit)
+            QCoreApplication::quit();
+        else if (bootstrap_)
             bootstrap_->applicationShouldHandleReopen();
     });
     bootstrap_ = std::make_unique<Bootstrap>(delegate_, platformFactory());
     bootstrap_->applicationDidFinishLaunching();
+    if (openSettings)
+        settings_.show();
     return true;
 }
 

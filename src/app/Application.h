@@ -25,7 +25,7 @@ public:
     ~Application() override;
 
     // False when another Tolvane already runs (it was asked to show its Settings).
-    bool launch();
+    bool launch(bool openSettings = false);
 
 private:
     Bootstrap::Factory platformFactory();

@@ -19,6 +19,10 @@ CommandLine CommandLine::parse(const QStringList& arguments)
             cl.action = Action::help;
         } else if (a == QLatin1String("--version") || a == QLatin1String("-v")) {
             cl.action = Action::version;
+        } else if (a == QLatin1String("--settings")) {
+            cl.openSettings = true;
+        } else if (a == QLatin1String("--quit")) {
+            cl.action = Action::quit;
         } else if (a == QLatin1String("--shots")) {
             cl.action = Action::shots;
             cl.argument = next().value_or(QString());
@@ -56,6 +60,8 @@ QString CommandLine::helpText()
         "Everything runs on this computer.\n"
         "\n"
         "  (no option)             run in the system tray\n"
+        "  --settings              run, and open the Settings window\n"
+        "  --quit                  ask the running Tolvane to quit\n"
         "  --transcribe FILE       transcribe a sound file and print the text\n"
         "      --partials          also print each partial result as it comes\n"
         "      --locale ID         language of the speech, such as en-US\n"

@@ -8,10 +8,11 @@
 // What the command line asks for. Parsed before any Qt application object exists, because the
 // choice decides which kind of application (GUI, offscreen or none) is made.
 struct CommandLine {
-    enum class Action { run, help, version, shots, transcribe, cleanup, error };
+    enum class Action { run, help, version, shots, transcribe, cleanup, quit, error };
     Action action = Action::run;
     QString argument;        // --shots DIR, --transcribe FILE, --cleanup MODE
     bool partials = false;   // --transcribe ... --partials
+    bool openSettings = false;  // --settings: run (or reach the running one) and show Settings
     QString locale;          // --locale ID
     QString error;           // for Action::error
 

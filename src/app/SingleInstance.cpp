@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 namespace {
-constexpr char reopenMessage[] = "reopen\n";
 constexpr int connectTimeoutMs = 500;
 }  // namespace
 
@@ -15,9 +14,14 @@ SingleInstance::SingleInstance(QObject* parent) : QObject(parent)
     connect(&server_, &QLocalServer::newConnection, this, [this] {
         while (QLocalSocket* socket = server_.nextPendingConnection()) {
             connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
-                if (socket->readAll().startsWith("reopen") && onReopen_)
-                    onReopen_();
+                const QByteArray message = socket->readAll();
                 socket->disconnectFromServer();
+                if (!onRequest_)
+                    return;
+                if (message.startsWith("reopen"))
+                    onRequest_(Request::reopen);
+                else if (message.startsWith("quit"))
+                    onRequest_(Request::quit);
             });
             connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         }
@@ -31,21 +35,21 @@ QString SingleInstance::serverName()
     return runtime + QStringLiteral("/tolvane-%1.socket").arg(getuid());
 }
 
-bool SingleInstance::notifyRunningInstance()
+bool SingleInstance::notifyRunningInstance(Request request)
 {
     QLocalSocket socket;
     socket.connectToServer(serverName());
     if (!socket.waitForConnected(connectTimeoutMs))
         return false;
-    socket.write(reopenMessage);
+    socket.write(request == Request::quit ? "quit\n" : "reopen\n");
     socket.waitForBytesWritten(connectTimeoutMs);
     socket.waitForDisconnected(connectTimeoutMs);
     return true;
 }
 
-bool SingleInstance::listen(std::function<void()> onReopen)
+bool SingleInstance::listen(std::function<void(Request)> onRequest)
 {
-    onReopen_ = std::move(onReopen);
+    onRequest_ = std::move(onRequest);
     if (server_.listen(serverName()))
         return true;
     // A socket left by a crashed instance: nobody answered on it, so take it over.

@@ -1,6 +1,7 @@
 #include "app/Application.h"
 #include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
+#include "app/SingleInstance.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
 #include "ui/widgets/Theme.h"
@@ -53,6 +54,11 @@ int main(int argc, char** argv)
         return printLine(stdout, CommandLine::helpText(), 0);
     case CommandLine::Action::version:
         return printLine(stdout, QStringLiteral("Tolvane " TOLVANE_VERSION), 0);
+    case CommandLine::Action::quit: {
+        QCoreApplication app(argc, argv);
+        const bool running = SingleInstance().notifyRunningInstance(SingleInstance::Request::quit);
+        return printLine(stdout, running ? QStringLiteral("Tolvane was asked to quit.") : QStringLiteral("Tolvane is not running."), 0);
+    }
     case CommandLine::Action::error:
         return printLine(stderr, QStringLiteral("tolvane: ") + cl.error, 2);
     case CommandLine::Action::shots: {
@@ -85,7 +91,7 @@ int main(int argc, char** argv)
     app.setQuitOnLastWindowClosed(false);
     app.setWindowIcon(QIcon(Theme::appIcon(256)));
     Application tolvane;
-    if (!tolvane.launch()) {
+    if (!tolvane.launch(cl.openSettings)) {
         printLine(stdout, QStringLiteral("Tolvane is already running; its Settings window was brought forward."), 0);
         return 0;
     }

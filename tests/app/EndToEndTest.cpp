@@ -174,10 +174,18 @@ private Q_SLOTS:
 
     void secondLaunchHandsOverToTheRunningOne()
     {
-        const TestSupport::ProgramRun second = TestSupport::runTolvane({.timeoutMs = 15000});
-        QCOMPARE(second.exitCode, 0);
-        QVERIFY2(second.out.contains(QStringLiteral("already running")), qPrintable(second.out));
-        QCOMPARE(tolvane_.state(), QProcess::Running);
+        // As the desktop entry's actions do: Settings reaches the running one, Quit ends it.
+        for (const char* option : {"", "--settings"}) {
+            const auto second = TestSupport::runTolvane({.arguments = QStringList(option).filter(u"-"), .timeoutMs = 15000});
+            QCOMPARE(second.exitCode, 0);
+            QVERIFY2(second.out.contains(QStringLiteral("already running")), qPrintable(second.out));
+            QCOMPARE(tolvane_.state(), QProcess::Running);
+        }
+        const auto quit = TestSupport::runTolvane({.arguments = {QStringLiteral("--quit")}, .timeoutMs = 15000});
+        QCOMPARE(quit.out, QStringLiteral("Tolvane was asked to quit.\n"));
+        QVERIFY(tolvane_.waitForFinished(10000));
+        QCOMPARE(tolvane_.exitCode(), 0);
+        QCOMPARE(TestSupport::runTolvane({.arguments = {QStringLiteral("--quit")}}).out, QStringLiteral("Tolvane is not running.\n"));
     }
 
     void noMicrophoneStartsNothingAndNoCrash()
