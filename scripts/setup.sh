@@ -11,9 +11,12 @@ build_pkgs=(
   libpocketsphinx-dev pocketsphinx-en-us
   fonts-dejavu-core fonts-inter
 )
+# The icons, manual page and Debian package (also checked by the suite).
+package_pkgs=(dpkg-dev help2man librsvg2-bin appstream)
 test_pkgs=(
   xvfb xdotool x11-xkb-utils x11-utils
   pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts
+  "${package_pkgs[@]}"
 )
 
 # Only scripts/coverage.sh needs it.
@@ -24,7 +27,8 @@ for arg in "$@"; do
   case "$arg" in
     --test) want+=("${test_pkgs[@]}") ;;
     --coverage) want+=("${coverage_pkgs[@]}") ;;
-    *) echo "setup: unknown option $arg (use --test, --coverage)" >&2; exit 2 ;;
+    --package) want+=("${package_pkgs[@]}" lintian) ;;
+    *) echo "setup: unknown option $arg (use --test, --coverage, --package)" >&2; exit 2 ;;
   esac
 done
 
