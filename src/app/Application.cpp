@@ -35,7 +35,10 @@ QCoro::Task<bool> requestMicrophone()
         probe.inputFormat();
         co_return true;
     } catch (const std::exception& e) {
-        Diagnostics::log(QStringLiteral("bootstrap: no microphone: ") + describeError(e));
+        // Asked again every second while none is there: say each new reason once.
+        static QString lastReason;
+        if (const QString reason = describeError(e); reason != lastReason)
+            Diagnostics::log(QStringLiteral("bootstrap: no microphone: ") + (lastReason = reason));
         co_return false;
     }
 }

@@ -6,6 +6,9 @@
 #include "storage/Preferences.h"
 #include "storage/TranscriptStore.h"
 
+#include <QElapsedTimer>
+#include <QPointer>
+#include <qcoro/qcorotimer.h>
 
 Bootstrap::Bootstrap(AppDelegate& delegate, Factory factory, QObject* parent)
     : QObject(parent), delegate_(delegate), factory_(std::move(factory))
@@ -70,11 +73,27 @@ QCoro::Task<> Bootstrap::bootstrap()
 {
     Diagnostics::log(QStringLiteral("bootstrap: starting"));
     Diagnostics::log(QStringLiteral("bootstrap: requesting microphone…"));
-    const bool microphone = co_await factory_.requestMicrophone();
+    bool microphone = co_await factory_.requestMicrophone();
     Diagnostics::log(QStringLiteral("bootstrap: microphone = ") + Diagnostics::boolText(microphone));
     if (!microphone) {
+        // A sound server that starts after Tolvane at login, or a microphone plugged in later: keep
+        // asking, and carry on by itself once an input is there.
         PermissionPrompt::show(PermissionPrompt::microphone);
-        co_return;
+        Diagnostics::log(QStringLiteral("bootstrap: waiting for a microphone…"));
+        const QPointer<Bootstrap> guard(this);
+        QElapsedTimer waited;
+        waited.start();
+        while (!microphone) {
+            QTimer pause;
+            pause.setSingleShot(true);
+            pause.start(microphonePollMs);
+            co_await pause;
+            if (!guard)
+                co_return;
+            microphone = co_await factory_.requestMicrophone();
+        }
+        PermissionPrompt::dismiss();
+        Diagnostics::log(QStringLiteral("bootstrap: a microphone appeared after %1 s").arg(waited.elapsed() / 1000.0, 0, 'f', 1));
     }
 
     // The transcriber is made here rather than in completeSetup() because on this platform "speech

@@ -39,6 +39,7 @@ public:
     ~Bootstrap() override;
 
     static constexpr int accessibilityPollMs = 1000;
+    static constexpr int microphonePollMs = 1000;
 
     // The launch handler: tray, updater, then the bootstrap task.
     void applicationDidFinishLaunching();

@@ -15,7 +15,8 @@ QPointer<QWidget> PermissionPrompt::current_;
 // installed speech model, and an X display with XInput2 to watch the keys on.
 const PermissionPrompt::Texts PermissionPrompt::microphone{
     QStringLiteral("Microphone access needed"),
-    QStringLiteral("Connect a microphone, or enable one in your desktop's sound settings, then relaunch."),
+    QStringLiteral("Connect a microphone, or enable one in your desktop's sound settings. Tolvane carries on by "
+                   "itself as soon as one is there."),
     QStringLiteral("Open Sound Settings"),
     {QStringLiteral("gnome-control-center sound"), QStringLiteral("pavucontrol"), QStringLiteral("systemsettings kcm_pulseaudio"),
      QStringLiteral("xfce4-pulseaudio-plugin")}};

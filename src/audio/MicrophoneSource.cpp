@@ -143,28 +143,29 @@ AudioFormat MicrophoneSource::inputFormat()
     const int serverTimeout = std::max(1, timeoutMs_ / 2);
     const Choice choice = onAudioThread(
         [capture = capture_, watcher = watcher_, serverTimeout] {
+            // The server is asked first: Qt Multimedia connects to it once per process and never
+            // again when that first attempt fails, so it must not look before a server is there.
+            const std::optional<QString> defaultName = watcher->defaultSourceName(serverTimeout);
+            if (!defaultName)
+                throw CollaboratorError(QStringLiteral("No microphone: no sound server (PulseAudio or PipeWire) answers"));
             if (!capture->devices) {
                 capture->devices = std::make_unique<QMediaDevices>();
                 QObject::connect(capture->devices.get(), &QMediaDevices::audioInputsChanged, capture->devices.get(),
                                  [notify = capture->notify] { notify(); });
             }
-            const std::optional<QString> defaultName = watcher->defaultSourceName(serverTimeout);
             const QList<QAudioDevice> inputs = QMediaDevices::audioInputs();
-            if (inputs.isEmpty()) {
-                throw CollaboratorError(defaultName ? QStringLiteral("No microphone: the sound server offers no audio input")
-                                                    : QStringLiteral("No microphone: no sound server (PulseAudio or PipeWire) is running"));
-            }
+            if (inputs.isEmpty())
+                throw CollaboratorError(QStringLiteral("No microphone: the sound server offers no audio input"));
             QAudioDevice device;
             for (const QAudioDevice& input : inputs)
-                if (defaultName && QString::fromUtf8(input.id()) == *defaultName)
+                if (QString::fromUtf8(input.id()) == *defaultName)
                     device = input;
             if (device.isNull()) {
                 device = QMediaDevices::defaultAudioInput();
                 if (device.isNull())
                     device = inputs.first();
                 Diagnostics::log(QStringLiteral("audio: default source %1 is not among the inputs; using %2")
-                                     .arg(defaultName ? *defaultName : QStringLiteral("(unknown)"),
-                                          QString::fromUtf8(device.id())));
+                                     .arg(*defaultName, QString::fromUtf8(device.id())));
             }
             QAudioFormat format = device.preferredFormat();
             format.setSampleFormat(QAudioFormat::Float);

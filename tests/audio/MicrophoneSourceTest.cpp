@@ -81,15 +81,10 @@ private Q_SLOTS:
     {
         if (server_.isEmpty())
             QSKIP("this process has a sound server");
-        // A hung request is still stuck in the server's client library: later ones fail at once
-        // rather than pile up behind it.
-        const QStringList expected = server_ == QLatin1String("hung")
-                                         ? QStringList{"The sound server did not answer within 1000 ms while looking for the default input",
-                                                       "The sound server is not answering (an earlier request to it has not returned)"}
-                                         : QStringList(2, "No microphone: no sound server (PulseAudio or PipeWire) is running");
+        // A server that never answers is no server: each request gives up within its time.
         loudest_ = -1;
-        for (const QString& error : expected)
-            QCOMPARE(startFailure(), error);
+        for (int attempt = 0; attempt < 2; ++attempt)
+            QCOMPARE(startFailure(), QStringLiteral("No microphone: no sound server (PulseAudio or PipeWire) answers"));
         QVERIFY(!audio_.isRunning());
         audio_.stop();
         QCOMPARE(loudest_.load(), -1.0f);  // never ran, so no rest level either
