@@ -15,7 +15,7 @@ build_pkgs=(
 package_pkgs=(dpkg-dev help2man librsvg2-bin appstream)
 test_pkgs=(
   xvfb xdotool x11-xkb-utils x11-utils
-  pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts
+  pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts dbus-daemon
   "${package_pkgs[@]}"
 )
 

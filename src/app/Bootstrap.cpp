@@ -58,6 +58,9 @@ void Bootstrap::applicationDidFinishLaunching()
     };
     menuBar_->install();
     menuBar_->onCheckForUpdates = factory_.checkForUpdates;
+    // Without a tray the pill is the way to the menu, so it is there from the start.
+    if (!menuBar_->hasTray())
+        installOverlay();
 
     [](Bootstrap* self) -> QCoro::Task<> {
         const QPointer<Bootstrap> guard(self);
@@ -67,6 +70,16 @@ void Bootstrap::applicationDidFinishLaunching()
             Q_EMIT guard->bootstrapFinished();
         }
     }(this);
+}
+
+void Bootstrap::installOverlay()
+{
+    if (overlay_)
+        return;
+    overlay_ = factory_.overlay();
+    delegate_.overlay = overlay_.get();
+    overlay_->onContextMenu = [menuBar = menuBar_.get()](const QPoint& at) { menuBar->popUpMenu(at); };
+    overlay_->installPersistent();
 }
 
 QCoro::Task<> Bootstrap::bootstrap()
@@ -113,12 +126,11 @@ QCoro::Task<> Bootstrap::completeSetup()
 {
     delegate_.store = &TranscriptStore::shared();
     injector_ = factory_.injector();
-    overlay_ = factory_.overlay();
+    installOverlay();
     audio_ = factory_.audio();
     if (!transcriber_)
         transcriber_ = factory_.transcriber();
     delegate_.injector = injector_.get();
-    delegate_.overlay = overlay_.get();
     delegate_.audio = audio_.get();
     delegate_.transcriber = transcriber_.get();
 

@@ -45,6 +45,8 @@ public:
     void applicationDidFinishLaunching();
     QCoro::Task<> bootstrap();
     QCoro::Task<> completeSetup();
+    // The pill, made once: early when there is no tray, else when dictation is set up.
+    void installOverlay();
     void startAccessibilityPolling();
     void reprepareLocale();
     // A second launch asked this one to come forward.

@@ -7,6 +7,7 @@
 #include "core/ActivationKey.h"
 #include "core/AudioBuffer.h"
 
+#include <QPoint>
 #include <QString>
 
 #include <qcoro/qcorotask.h>
@@ -99,6 +100,8 @@ public:
 
     std::function<void()> onAccept;
     std::function<void()> onCancel;
+    // A right-click on the pill, at this global position.
+    std::function<void(const QPoint&)> onContextMenu;
 };
 
 // The tray icon and its menu.
@@ -108,6 +111,9 @@ public:
     virtual void install() = 0;
     virtual void stopAnimating() = 0;
     virtual void setAmplitude(double level) = 0;
+    // Whether the desktop shows the tray icon; without one the menu opens from the pill.
+    virtual bool hasTray() const = 0;
+    virtual void popUpMenu(const QPoint& at) = 0;
 
     std::function<void()> onOpenSettings;
     std::function<void()> onAbout;

@@ -44,6 +44,8 @@ inline const Setting<QString> speechModelCatalog{"speechModelCatalog", QString()
 // 0..10000.
 inline const Setting<int> speechLeadInMs{"speechLeadInMs", 150};
 inline const Setting<int> speechSplitAfterMs{"speechSplitAfterMs", 0};
+// The desktop had no tray and the user was told where the menu is instead; told once.
+inline const Setting<bool> noTrayExplained{"noTrayExplained", false};
 inline constexpr int retentionMin = 1;
 inline constexpr int retentionMax = 100;
 }  // namespace Settings

@@ -76,6 +76,7 @@ private Q_SLOTS:
         }
         QVERIFY(fingers_.ok() && client_.start());
         Preferences::shared().setCleanupMode(CleanupMode::raw);  // exactly what was said, so the words can be compared
+        Preferences::shared().setValue(Settings::noTrayExplained, true);  // no notice window mid-dictation
         TestSupport::LogMark mark;
         tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         tolvane_.start(TestSupport::tolvaneBinary(), {});

@@ -139,8 +139,11 @@ public:
     void install() override { installed = true; }
     void stopAnimating() override { journal.add(QStringLiteral("menuBar.stopAnimating")); }
     void setAmplitude(double level) override { amplitude = level; }
+    bool hasTray() const override { return tray; }
+    void popUpMenu(const QPoint&) override { journal.add(QStringLiteral("menuBar.popUpMenu")); }
     Journal& journal;
     double amplitude = -1;
+    bool tray = true;
 };
 
 class FakeSettingsWindow final : public AbstractSettingsWindow {

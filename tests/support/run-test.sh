@@ -1,9 +1,16 @@
 #!/usr/bin/env bash
 # Runs one test binary in a world of its own: fresh settings and data folders and, when asked with
-# --xvfb, a private X server. Everything it starts is stopped when the test ends.
+# --xvfb, a private X server; with --dbus, a private session bus. Everything it starts is stopped
+# when the test ends.
 set -u
-use_xvfb=0
-if [ "${1:-}" = "--xvfb" ]; then use_xvfb=1; shift; fi
+use_xvfb=0 use_dbus=0
+while true; do
+  case "${1:-}" in
+    --xvfb) use_xvfb=1; shift ;;
+    --dbus) use_dbus=1; shift ;;
+    *) break ;;
+  esac
+done
 
 # Without a sandbox every path below would be one of the machine's own.
 sandbox=$(mktemp -d "${TMPDIR:-/tmp}/tolvane-test.XXXXXX") && [ -d "$sandbox" ] || { echo "run-test: no sandbox folder" >&2; exit 1; }
@@ -13,9 +20,10 @@ mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME" "$XDG_RUNTIME_DIR
 chmod 700 "$XDG_RUNTIME_DIR"
 export TOLVANE_TEST_SANDBOX="$sandbox"
 
-xvfb_pid=""
+xvfb_pid="" dbus_pid=""
 cleanup() {
   [ -n "$xvfb_pid" ] && kill "$xvfb_pid" 2>/dev/null && wait "$xvfb_pid" 2>/dev/null
+  [ -n "$dbus_pid" ] && kill "$dbus_pid" 2>/dev/null && wait "$dbus_pid" 2>/dev/null
   rm -rf "$sandbox"
 }
 trap cleanup EXIT
@@ -36,6 +44,22 @@ if [ "$use_xvfb" = 1 ]; then
 else
   unset DISPLAY WAYLAND_DISPLAY
   export QT_QPA_PLATFORM=offscreen
+fi
+
+if [ "$use_dbus" = 1 ]; then
+  command -v dbus-daemon >/dev/null || { echo "run-test: dbus-daemon is missing (package dbus-daemon)" >&2; exit 1; }
+  bus="$sandbox/session-bus"
+  dbus-daemon --session --nofork --nopidfile --address="unix:path=$bus" >"$sandbox/dbus.log" 2>&1 &
+  dbus_pid=$!
+  for _ in $(seq 1 100); do
+    [ -S "$bus" ] && break
+    sleep 0.05
+  done
+  [ -S "$bus" ] || { echo "run-test: dbus-daemon did not start" >&2; cat "$sandbox/dbus.log" >&2; exit 1; }
+  export DBUS_SESSION_BUS_ADDRESS="unix:path=$bus"
+else
+  # Never the machine's own session bus: a tray or service there would change what tests see.
+  export DBUS_SESSION_BUS_ADDRESS="unix:path=$sandbox/no-session-bus"
 fi
 
 "$@"

@@ -44,6 +44,10 @@ void OverlayController::build()
         if (self && self->onAccept)
             self->onAccept();
     };
+    waveView_->onContextMenu = [self](const QPoint& at) {
+        if (self && self->onContextMenu)
+            self->onContextMenu(at);
+    };
 
     panel_ = panel;
     positionInitial();

@@ -3,6 +3,7 @@
 #include "ui/widgets/Theme.h"
 
 #include <QAbstractButton>
+#include <QContextMenuEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -292,6 +293,13 @@ void WaveformPanelView::mousePressEvent(QMouseEvent* event)
         return;
     }
     dragOffset_ = event->globalPosition().toPoint() - window()->pos();
+    event->accept();
+}
+
+void WaveformPanelView::contextMenuEvent(QContextMenuEvent* event)
+{
+    if (onContextMenu)
+        onContextMenu(event->globalPos());
     event->accept();
 }
 

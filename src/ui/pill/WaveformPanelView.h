@@ -26,6 +26,7 @@ public:
 
     std::function<void()> onCancel;
     std::function<void()> onAccept;
+    std::function<void(const QPoint&)> onContextMenu;  // a right-click, at this global position
 
     State state() const { return state_; }
     void enterIdle();
@@ -59,6 +60,7 @@ protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
+    void contextMenuEvent(QContextMenuEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
 

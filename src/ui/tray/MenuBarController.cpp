@@ -1,15 +1,23 @@
 #include "ui/tray/MenuBarController.h"
 
 #include "storage/Diagnostics.h"
+#include "storage/Preferences.h"
 #include "ui/widgets/Theme.h"
+#include "ui/x11/X11Desktop.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QClipboard>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
+#include <QDBusVariant>
 #include <QGuiApplication>
 #include <QImage>
 #include <QKeyEvent>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPainter>
 #include <QPixmap>
 #include <QSystemTrayIcon>
@@ -108,12 +116,8 @@ QString MenuBarController::menuTitle(const QString& text)
 
 void MenuBarController::install()
 {
-    if (statusItem_)
+    if (menu_)
         return;
-    statusItem_ = new QSystemTrayIcon(this);
-    statusItem_->setIcon(restingIcon());
-    statusItem_->setToolTip(QStringLiteral("Tolvane"));
-
     menu_ = std::make_unique<QMenu>();
     connect(menu_.get(), &QMenu::aboutToShow, this, &MenuBarController::rebuildRecentMenu);
 
@@ -140,15 +144,90 @@ void MenuBarController::install()
     menu_->installEventFilter(this);
     recentMenu_->installEventFilter(this);
 
+    if (trayHostPresent()) {
+        showIcon();
+        return;
+    }
+    // Qt decides once per process whether the tray is reached over D-Bus, when the first icon is
+    // made: made now, it would never reach a tray that starts later. So the icon waits for one.
+    Diagnostics::log(QStringLiteral("menubar: no system tray is available; the menu opens from the pill, and the "
+                                    "tray icon appears once a tray starts"));
+    trayWatch_ = new QTimer(this);
+    trayWatch_->setInterval(1000);
+    connect(trayWatch_, &QTimer::timeout, this, [this] {
+        if (!trayHostPresent())
+            return;
+        trayWatch_->stop();
+        Diagnostics::log(QStringLiteral("menubar: a system tray appeared; the tray icon is in it"));
+        showIcon();
+        if (onTrayAppeared)
+            onTrayAppeared();
+    });
+    trayWatch_->start();
+    QTimer::singleShot(noTrayNoticeDelayMs, this, [this] {
+        if (!statusItem_)
+            explainMissingTray();
+    });
+}
+
+void MenuBarController::showIcon()
+{
+    statusItem_ = new QSystemTrayIcon(this);
+    statusItem_->setIcon(restingIcon());
+    statusItem_->setToolTip(QStringLiteral("Tolvane"));
     statusItem_->setContextMenu(menu_.get());
     // A left click opens the same menu, as a status item does.
     connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger && menu_ && !menu_->isVisible())
             menu_->popup(QCursor::pos());
     });
-    if (!QSystemTrayIcon::isSystemTrayAvailable())
-        Diagnostics::log(QStringLiteral("menubar: no system tray is available; the tray icon appears once one starts"));
     statusItem_->show();
+}
+
+void MenuBarController::popUpMenu(const QPoint& at)
+{
+    if (menu_ && !menu_->isVisible())
+        menu_->popup(at);
+}
+
+bool MenuBarController::trayHostPresent()
+{
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    const QString watcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+    if (bus.isConnected() && bus.interface()->isServiceRegistered(watcher)) {
+        QDBusInterface properties(watcher, QStringLiteral("/StatusNotifierWatcher"),
+                                  QStringLiteral("org.freedesktop.DBus.Properties"), bus);
+        const QDBusReply<QDBusVariant> hosted =
+            properties.call(QStringLiteral("Get"), watcher, QStringLiteral("IsStatusNotifierHostRegistered"));
+        if (hosted.isValid() && hosted.value().variant().toBool())
+            return true;
+    }
+    return X11Desktop::systemTrayOwned();
+}
+
+void MenuBarController::explainMissingTray()
+{
+    Preferences& prefs = Preferences::shared();
+    if (prefs.value(Settings::noTrayExplained))
+        return;
+    prefs.setValue(Settings::noTrayExplained, true);
+    const bool gnome = qEnvironmentVariable("XDG_CURRENT_DESKTOP").contains(QLatin1String("GNOME"), Qt::CaseInsensitive);
+    const QString addTray =
+        gnome ? QStringLiteral("GNOME shows tray icons with an extension: install the package "
+                               "gnome-shell-extension-appindicator, log out and in, and turn on \"AppIndicator and "
+                               "KStatusNotifierItem Support\" in the Extensions app.")
+              : QStringLiteral("Add a system tray (status notifier) to your desktop's panel to see it there.");
+    auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("Tolvane's menu is on the pill"),
+                                QStringLiteral("Your desktop shows no tray icons, so Tolvane's menu opens with a "
+                                               "right-click on the pill. Settings and Quit are also in Tolvane's entry "
+                                               "in the applications menu.\n\n") + addTray,
+                                QMessageBox::Ok);
+    box->setObjectName(QStringLiteral("noTrayNotice"));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    // It comes up on its own, perhaps while the user types: it must not take the keyboard.
+    box->setAttribute(Qt::WA_ShowWithoutActivating);
+    box->show();
+    Diagnostics::log(QStringLiteral("menubar: told the user the menu is on the pill"));
 }
 
 bool MenuBarController::eventFilter(QObject* watched, QEvent* event)

@@ -35,9 +35,21 @@ public:
     explicit MenuBarController(EntriesSource entries = {}, QObject* parent = nullptr);
     ~MenuBarController() override;
 
+    // Builds the menu; the icon follows as soon as the desktop has a tray to show it in.
     void install() override;
     void stopAnimating() override;
     void setAmplitude(double level) override;
+    bool hasTray() const override { return statusItem_ != nullptr; }
+    void popUpMenu(const QPoint& at) override;
+
+    // Called when a tray turns up after install(); the icon is then in it.
+    std::function<void()> onTrayAppeared;
+    // How long a desktop may take to start its tray before the user is told where the menu is.
+    int noTrayNoticeDelayMs = 10000;
+
+    // A status-notifier host (the modern tray) is registered on the session bus, or an XEmbed
+    // tray runs on the X display.
+    static bool trayHostPresent();
     double amplitude() const { return amplitude_; }
 
     // The menu actions; each calls its callback when one is set.
@@ -70,10 +82,13 @@ protected:
 
 private:
     QIcon restingIcon() const;
+    void showIcon();
+    void explainMissingTray();
 
     EntriesSource entries_;
     QSystemTrayIcon* statusItem_ = nullptr;
     QTimer* timer_ = nullptr;
+    QTimer* trayWatch_ = nullptr;
     double phase_ = 0;
     double amplitude_ = 0;
     double displayedAmp_ = 0;

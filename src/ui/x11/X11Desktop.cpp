@@ -134,4 +134,13 @@ bool compositingActive()
     return XGetSelectionOwner(dpy, XInternAtom(dpy, name.constData(), False)) != 0;
 }
 
+bool systemTrayOwned()
+{
+    Display* dpy = display();
+    if (!dpy)
+        return false;
+    const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(DefaultScreen(dpy));
+    return XGetSelectionOwner(dpy, XInternAtom(dpy, name.constData(), False)) != 0;
+}
+
 }  // namespace X11Desktop

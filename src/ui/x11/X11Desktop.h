@@ -18,5 +18,7 @@ bool canOpenDisplay(const QByteArray& name);
 void setSkipTaskbar(QWidget* window, bool skip);
 // A compositing manager runs, so translucent window pixels are blended with what lies below.
 bool compositingActive();
+// An XEmbed system tray (_NET_SYSTEM_TRAY_S<screen>) is there to hold icons.
+bool systemTrayOwned();
 
 }  // namespace X11Desktop

@@ -8,6 +8,8 @@
 #include "ui/settings/GeneralPane.h"
 #include "ui/settings/HistoryPane.h"
 #include "ui/settings/HotkeyTester.h"
+#include "ui/pill/OverlayController.h"
+#include "ui/pill/WaveformPanelView.h"
 #include "ui/settings/SettingsWindowController.h"
 #include "ui/tray/MenuBarController.h"
 #include "ui/tray/UpdateChecker.h"
@@ -21,13 +23,18 @@
 
 #include <QClipboard>
 #include <QComboBox>
+#include <QContextMenuEvent>
+#include <QDBusConnection>
+#include <QMessageBox>
 #include <QDir>
 #include <QFile>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QMenu>
 #include <QSignalSpy>
+#include <QScopeGuard>
 #include <QSystemTrayIcon>
+#include <QThread>
 #include <QTimer>
 #include <QToolButton>
 
@@ -100,6 +107,27 @@ QString feedFile(const QByteArray& body)
 }
 
 }  // namespace
+
+// The modern tray's registry, as a desktop's panel offers it on the session bus. It answers on a
+// thread of its own, as another process would: Qt's blocking calls would otherwise wait on itself.
+class StatusNotifierWatcher final : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+    Q_PROPERTY(bool IsStatusNotifierHostRegistered READ hostRegistered)
+    Q_PROPERTY(int ProtocolVersion READ protocolVersion)
+    Q_PROPERTY(QStringList RegisteredStatusNotifierItems READ items)
+public:
+    bool hostRegistered() const { return true; }
+    int protocolVersion() const { return 0; }
+    QStringList items() const { return {}; }
+    std::atomic<int> registered{0};
+public Q_SLOTS:
+    void RegisterStatusNotifierItem(const QString&) { ++registered; }
+    void RegisterStatusNotifierHost(const QString&) {}
+Q_SIGNALS:
+    void StatusNotifierItemRegistered(const QString& service);
+    void StatusNotifierHostRegistered();
+};
 
 class WindowsTest : public QObject {
     Q_OBJECT
@@ -466,7 +494,6 @@ private Q_SLOTS:
             middleRow += image.pixelColor(x, 32).rgba() == brandGreen().rgba() ? u'#' : image.pixelColor(x, 32).alpha() ? u'?' : u'.';
         const QString bar12(12, u'#'), gap10(10, u'.'), edge8(8, u'.');
         QCOMPARE(middleRow, edge8 + bar12 + gap10 + bar12 + gap10 + bar12 + edge8);
-        QVERIFY(!bar.trayIcon()->icon().isNull());
         bar.setAmplitude(3), bar.stopAnimating();
         QCOMPARE(bar.amplitude(), 0.0);
     }
@@ -520,6 +547,56 @@ private Q_SLOTS:
         bar.copyTranscript(nullptr), bar.copyTranscript(bar.menu()->actions().first());  // no transcript: nothing copied
         QCOMPARE(clipboard(), QStringLiteral("line one\nline two & more"));
         TranscriptStore::shared().waitForWrites();
+    }
+
+    void withoutATrayTheMenuIsOnThePillUntilATrayStarts()
+    {
+        // This test's desktop has no tray: the menu opens from the pill, and the user is told once.
+        QVERIFY(!bar.hasTray());
+        OverlayController pill;
+        pill.onContextMenu = [this](const QPoint& at) { bar.popUpMenu(at); };
+        pill.installPersistent();
+        QWidget* view = pill.panel()->findChild<WaveformPanelView*>();
+        QContextMenuEvent rightClick(QContextMenuEvent::Mouse, QPoint(10, 10), view->mapToGlobal(QPoint(10, 10)));
+        QApplication::sendEvent(view, &rightClick);
+        QVERIFY(waitUntil([&] { return bar.menu()->isVisible(); }));
+        bar.menu()->close();
+        qputenv("XDG_CURRENT_DESKTOP", "ubuntu:GNOME");
+        const auto notices = [] {
+            QStringList texts;
+            for (QWidget* w : QApplication::topLevelWidgets())
+                if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
+                    texts << box->text();
+            return texts;
+        };
+        for (int launch = 0; launch < 2; ++launch) {
+            MenuBarController other;
+            other.noTrayNoticeDelayMs = 0;
+            other.install();
+            QTest::qWait(100);
+        }
+        QCOMPARE(notices().size(), 1);
+        QVERIFY(notices().first().contains(QStringLiteral("gnome-shell-extension-appindicator")));
+
+        // A panel with a tray starts: the icon registers with it, no relaunch needed.
+        StatusNotifierWatcher watcher;
+        QThread panelThread;
+        panelThread.start();
+        watcher.moveToThread(&panelThread);
+        const auto stopPanel = qScopeGuard([&] {
+            QDBusConnection::disconnectFromBus(QStringLiteral("panel"));
+            panelThread.quit();
+            panelThread.wait();
+        });
+        QDBusConnection panel = QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("panel"));
+        QVERIFY(panel.registerObject(QStringLiteral("/StatusNotifierWatcher"), &watcher,
+                                     QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
+                                         QDBusConnection::ExportAllSignals));
+        QVERIFY2(panel.registerService(QStringLiteral("org.kde.StatusNotifierWatcher")), "no private session bus");
+        bool appeared = false;
+        bar.onTrayAppeared = [&] { appeared = true; };
+        QVERIFY(waitUntil([&] { return watcher.registered > 0; }));
+        QVERIFY(appeared && bar.hasTray() && !bar.trayIcon()->icon().isNull());
     }
 
     void itemsAndShortcutsReachTheirCallbacks()
