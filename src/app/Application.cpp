@@ -3,6 +3,8 @@
 #include "app/PermissionPrompt.h"
 #include "audio/AudioEngineController.h"
 #include "audio/MicrophoneSource.h"
+#include "keyboard/evdev/EvdevHotkeyManager.h"
+#include "keyboard/evdev/InputAccess.h"
 #include "keyboard/x11/HotkeyManager.h"
 #include "keyboard/x11/TextInjector.h"
 #include "speech/TranscriberController.h"
@@ -24,6 +26,7 @@ SettingsServices settingsServices(CleanupEngine& cleanup)
     SettingsServices services;
     services.supportedLocales = [] { return TranscriberController::supportedLocaleIdentifiers(); };
     services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
+    services.keyboardNotice = &InputAccess::chordSpaceNotice;
     return services;
 }
 
@@ -88,13 +91,21 @@ Bootstrap::Factory Application::platformFactory()
     f.overlay = [] { return std::make_unique<OverlayController>(); };
     f.audio = [] { return std::make_unique<AudioEngineController>(std::make_unique<MicrophoneSource>()); };
     f.transcriber = [] { return std::make_unique<TranscriberController>(); };
-    f.hotkey = [this] {
+    f.hotkey = [this]() -> std::unique_ptr<AbstractHotkeyManager> {
+        // In a Wayland session X clients see other clients' keys only while one of their own windows
+        // has the focus, so the keys are read from the keyboards themselves.
+        if (InputAccess::waylandSession()) {
+            Diagnostics::log(QStringLiteral("hotkey: Wayland session — keys read from /dev/input (evdev)"));
+            return std::make_unique<EvdevHotkeyManager>();
+        }
+        Diagnostics::log(QStringLiteral("hotkey: X11 session — keys through XInput2"));
         auto hotkey = std::make_unique<HotkeyManager>();
         // So the monitor can tell the injector's own keystrokes (a typed Space) from the user's.
         if (injector_)
             injector_->setHotkeyManager(hotkey.get());
         return hotkey;
     };
+    f.keyMonitorPrompt = InputAccess::waylandSession() ? &PermissionPrompt::inputDevices : &PermissionPrompt::accessibility;
     f.requestMicrophone = requestMicrophone;
     f.requestSpeech = requestSpeech;
     f.showBlockingError = [](const QString& title, const QString& message) {

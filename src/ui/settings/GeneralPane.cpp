@@ -266,6 +266,12 @@ QWidget* GeneralPane::buildShortcut()
     tester_ = new HotkeyTester(activationKey_);
     tester_->setObjectName(QStringLiteral("hotkeyTester"));
     v->addWidget(tester_);
+    keyboardNotice_ = textLabel(QString(), Theme::TextStyle::caption, Theme::systemOrange());
+    keyboardNotice_->setObjectName(QStringLiteral("keyboardNotice"));
+    keyboardNotice_->setWordWrap(true);
+    keyboardNotice_->setTextInteractionFlags(Qt::TextSelectableByMouse);  // so the command can be copied
+    v->addWidget(keyboardNotice_);
+    updateKeyboardNotice();
     connect(keyPicker_, &QComboBox::activated, this, [this](int index) {
         const ActivationKey key = ActivationKeys::allCases[static_cast<size_t>(index)];
         if (key == activationKey_)
@@ -452,8 +458,16 @@ void GeneralPane::fillLocalePicker()
 void GeneralPane::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
+    updateKeyboardNotice();
     loadLocales();
     checkCleanupModel();
+}
+
+void GeneralPane::updateKeyboardNotice()
+{
+    const QString notice = services_.keyboardNotice ? services_.keyboardNotice() : QString();
+    keyboardNotice_->setText(notice);
+    keyboardNotice_->setVisible(!notice.isEmpty());
 }
 
 void GeneralPane::loadLocales()

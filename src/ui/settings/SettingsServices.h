@@ -22,4 +22,7 @@ struct SettingsServices {
     // The history, oldest first, and the operation that deletes it. Empty: TranscriptStore::shared().
     std::function<QList<TranscriptEntry>()> historyEntries;
     std::function<void()> clearHistory;
+    // What the key monitor lacks from the system, said under the shortcut (with the command that
+    // fixes it); asked each time the General pane is shown. Empty function or text: no line.
+    std::function<QString()> keyboardNotice;
 };
