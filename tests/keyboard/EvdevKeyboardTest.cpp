@@ -3,10 +3,12 @@
 // exact events it would write to the desktop.
 #include "keyboard/EvdevKeyRouter.h"
 #include "keyboard/evdev/EvdevHotkeyManager.h"
+#include "keyboard/evdev/InputAccess.h"
 #include "support/KeyPipe.h"
 #include "support/Sound.h"
 #include "support/TestSupport.h"
 
+#include <QFile>
 #include <QTest>
 
 #include <linux/input.h>
@@ -155,6 +157,23 @@ private Q_SLOTS:
                                  + KeyPipe::record(EV_SYN, SYN_REPORT, 0);
         QVERIFY(pipe.raw(press.left(30)) && pipe.raw(press.mid(30)));
         QVERIFY(TestSupport::waitUntil([&] { return downs == 1; }));
+    }
+
+    void settingsSayWhenTheChordsSpaceGoesThrough()
+    {
+        qunsetenv("WAYLAND_DISPLAY");
+        qunsetenv("XDG_SESSION_TYPE");
+        QCOMPARE(InputAccess::chordSpaceNotice(), QString());  // X11 swallows it with a grab
+        qputenv("XDG_SESSION_TYPE", "wayland");
+        const QString notice = InputAccess::chordSpaceNotice();
+        QCOMPARE(notice.isEmpty(), InputAccess::canWriteUinput());
+        if (notice.isEmpty() || !notice.contains(u" | sudo tee "_s))
+            return;
+        // Where the rule is not installed, the command writes the very rule Tolvane ships.
+        QFile shipped(QStringLiteral(TOLVANE_UDEV_RULE));
+        QVERIFY(shipped.open(QIODevice::ReadOnly));
+        const QString rule = QString::fromUtf8(shipped.readAll()).trimmed().split(u'\n').last();
+        QVERIFY2(notice.contains(u"echo '"_s + rule + u"' | sudo tee /etc/udev/rules.d/60-tolvane-uinput.rules"_s), qPrintable(notice));
     }
 
     void aFileThatCannotBeReadMeansNoKeys()
