@@ -21,12 +21,13 @@
 
 namespace {
 
-SettingsServices settingsServices(CleanupEngine& cleanup)
+SettingsServices settingsServices(CleanupEngine& cleanup, std::function<bool()> fnKeyPresent)
 {
     SettingsServices services;
     services.supportedLocales = [] { return TranscriberController::supportedLocaleIdentifiers(); };
     services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
     services.keyboardNotice = &InputAccess::chordSpaceNotice;
+    services.offersKey = [fnKeyPresent](ActivationKey key) { return key != ActivationKey::fn || fnKeyPresent(); };
     return services;
 }
 
@@ -52,7 +53,10 @@ QCoro::Task<bool> requestSpeech(AbstractTranscriber&)
 
 }  // namespace
 
-Application::Application(QObject* parent) : QObject(parent), settings_(settingsServices(cleanup_))
+Application::Application(QObject* parent) : QObject(parent), settings_(settingsServices(cleanup_, [this] {
+          // A Wayland session knows whether some keyboard reports Fn; X11 cannot tell.
+          return !InputAccess::waylandSession() || (evdevHotkey_ && evdevHotkey_->fnKeyPresent());
+      }))
 {
     delegate_.settingsWindow = &settings_;
     delegate_.cleanup = &cleanup_;
@@ -96,7 +100,9 @@ Bootstrap::Factory Application::platformFactory()
         // has the focus, so the keys are read from the keyboards themselves.
         if (InputAccess::waylandSession()) {
             Diagnostics::log(QStringLiteral("hotkey: Wayland session — keys read from /dev/input (evdev)"));
-            return std::make_unique<EvdevHotkeyManager>();
+            auto hotkey = std::make_unique<EvdevHotkeyManager>();
+            evdevHotkey_ = hotkey.get();
+            return hotkey;
         }
         Diagnostics::log(QStringLiteral("hotkey: X11 session — keys through XInput2"));
         auto hotkey = std::make_unique<HotkeyManager>();

@@ -257,9 +257,7 @@ QWidget* GeneralPane::buildShortcut()
     h->addStretch(1);
     keyPicker_ = makePicker("activationKeyPicker");
     keyPicker_->setAccessibleName(QStringLiteral("Activation key"));
-    for (ActivationKey key : ActivationKeys::allCases)
-        keyPicker_->addItem(ActivationKeys::label(key), ActivationKeys::rawValue(key));
-    keyPicker_->setCurrentIndex(static_cast<int>(activationKey_));
+    fillKeyPicker();
     h->addWidget(keyPicker_);
     v->addLayout(h);
     v->addWidget(Theme::makeDivider());
@@ -273,7 +271,7 @@ QWidget* GeneralPane::buildShortcut()
     v->addWidget(keyboardNotice_);
     updateKeyboardNotice();
     connect(keyPicker_, &QComboBox::activated, this, [this](int index) {
-        const ActivationKey key = ActivationKeys::allCases[static_cast<size_t>(index)];
+        const ActivationKey key = ActivationKeys::fromRawValue(keyPicker_->itemData(index).toString()).value_or(activationKey_);
         if (key == activationKey_)
             return;
         activationKey_ = key;
@@ -458,9 +456,21 @@ void GeneralPane::fillLocalePicker()
 void GeneralPane::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
+    fillKeyPicker();
     updateKeyboardNotice();
     loadLocales();
     checkCleanupModel();
+}
+
+void GeneralPane::fillKeyPicker()
+{
+    keyPicker_->clear();
+    for (ActivationKey key : ActivationKeys::allCases) {
+        // The chosen key stays listed even when no keyboard offers it now.
+        if (key == activationKey_ || !services_.offersKey || services_.offersKey(key))
+            keyPicker_->addItem(ActivationKeys::label(key), ActivationKeys::rawValue(key));
+    }
+    keyPicker_->setCurrentIndex(keyPicker_->findData(ActivationKeys::rawValue(activationKey_)));
 }
 
 void GeneralPane::updateKeyboardNotice()

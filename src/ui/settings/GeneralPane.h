@@ -45,6 +45,7 @@ private:
     void checkCleanupModel();
     void updateCleanupRow();
     void updateHowTo();
+    void fillKeyPicker();
     void updateKeyboardNotice();
 
     std::function<void()> reassert_;

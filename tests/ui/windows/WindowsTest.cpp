@@ -241,6 +241,7 @@ private Q_SLOTS:
         };
         QString keyboardNotice = QStringLiteral("the chord's Space also reaches the application");
         services.keyboardNotice = [&keyboardNotice] { return keyboardNotice; };
+        services.offersKey = [](ActivationKey key) { return key != ActivationKey::fn; };
         GeneralPane pane({}, services);
         pane.show();
         // What the key monitor lacks is said under the shortcut, and asked again each time the pane shows.
@@ -250,6 +251,7 @@ private Q_SLOTS:
         pane.hide();
         pane.show();
         QVERIFY(!notice->isVisible());
+        QCOMPARE(child<QComboBox>(&pane, "activationKeyPicker")->count(), 5);  // no keyboard with Fn
         // The language list is shown at once with the current language only, the others follow.
         auto* languages = child<QComboBox>(&pane, "languagePicker");
         QCOMPARE(languages->count(), 1);
