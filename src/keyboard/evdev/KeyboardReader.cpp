@@ -101,8 +101,9 @@ KeyboardReader::Added KeyboardReader::addDevice(const QString& path, bool listed
             Diagnostics::log(QStringLiteral("hotkey: cannot read ") + path + QStringLiteral(": ") + error);
         return code == EACCES || code == EPERM ? Added::denied : Added::failed;
     }
-    if (!listed && (!device->isKeyboard() || device->name() == QLatin1String(UinputKeyboard::deviceName)))
-        return Added::notAKeyboard;  // Tolvane's own virtual keyboard is never read back
+    // Tolvane's own virtual devices (all named "Tolvane …") are never read back.
+    if (!listed && (!device->isKeyboard() || device->name().startsWith(QLatin1String(UinputKeyboard::ownNamePrefix))))
+        return Added::notAKeyboard;
     const int id = nextId_++;
     Open& open = devices_[id];
     open.listed = listed;

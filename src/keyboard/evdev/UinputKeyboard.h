@@ -12,7 +12,9 @@ struct libevdev_uinput;
 // the desktop through it. Destroying it makes the kernel release every key still down on it.
 class UinputKeyboard final : public InputEventWriter {
 public:
-    // The name the monitor recognises its own device by, so it never reads it back.
+    // Every virtual input device of Tolvane's has a name beginning so; the key monitor never reads
+    // those back.
+    static constexpr const char* ownNamePrefix = "Tolvane ";
     static constexpr const char* deviceName = "Tolvane virtual keyboard";
 
     ~UinputKeyboard() override;
