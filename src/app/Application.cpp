@@ -3,6 +3,8 @@
 #include "app/PermissionPrompt.h"
 #include "audio/AudioEngineController.h"
 #include "audio/MicrophoneSource.h"
+#include "keyboard/evdev/EvdevHotkeyManager.h"
+#include "keyboard/evdev/InputAccess.h"
 #include "keyboard/x11/HotkeyManager.h"
 #include "keyboard/x11/TextInjector.h"
 #include "speech/TranscriberController.h"
@@ -19,11 +21,13 @@
 
 namespace {
 
-SettingsServices settingsServices(CleanupEngine& cleanup)
+SettingsServices settingsServices(CleanupEngine& cleanup, std::function<bool()> fnKeyPresent)
 {
     SettingsServices services;
     services.supportedLocales = [] { return TranscriberController::supportedLocaleIdentifiers(); };
     services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
+    services.keyboardNotice = &InputAccess::chordSpaceNotice;
+    services.offersKey = [fnKeyPresent](ActivationKey key) { return key != ActivationKey::fn || fnKeyPresent(); };
     return services;
 }
 
@@ -52,7 +56,10 @@ QCoro::Task<bool> requestSpeech(AbstractTranscriber&)
 
 }  // namespace
 
-Application::Application(QObject* parent) : QObject(parent), settings_(settingsServices(cleanup_))
+Application::Application(QObject* parent) : QObject(parent), settings_(settingsServices(cleanup_, [this] {
+          // A Wayland session knows whether some keyboard reports Fn; X11 cannot tell.
+          return !InputAccess::waylandSession() || (evdevHotkey_ && evdevHotkey_->fnKeyPresent());
+      }))
 {
     delegate_.settingsWindow = &settings_;
     delegate_.cleanup = &cleanup_;
@@ -95,13 +102,23 @@ Bootstrap::Factory Application::platformFactory()
     f.overlay = [] { return std::make_unique<OverlayController>(); };
     f.audio = [] { return std::make_unique<AudioEngineController>(std::make_unique<MicrophoneSource>()); };
     f.transcriber = [] { return std::make_unique<TranscriberController>(); };
-    f.hotkey = [this] {
+    f.hotkey = [this]() -> std::unique_ptr<AbstractHotkeyManager> {
+        // In a Wayland session X clients see other clients' keys only while one of their own windows
+        // has the focus, so the keys are read from the keyboards themselves.
+        if (InputAccess::waylandSession()) {
+            Diagnostics::log(QStringLiteral("hotkey: Wayland session — keys read from /dev/input (evdev)"));
+            auto hotkey = std::make_unique<EvdevHotkeyManager>();
+            evdevHotkey_ = hotkey.get();
+            return hotkey;
+        }
+        Diagnostics::log(QStringLiteral("hotkey: X11 session — keys through XInput2"));
         auto hotkey = std::make_unique<HotkeyManager>();
         // So the monitor can tell the injector's own keystrokes (a typed Space) from the user's.
         if (injector_)
             injector_->setHotkeyManager(hotkey.get());
         return hotkey;
     };
+    f.keyMonitorPrompt = InputAccess::waylandSession() ? &PermissionPrompt::inputDevices : &PermissionPrompt::accessibility;
     f.requestMicrophone = requestMicrophone;
     f.requestSpeech = requestSpeech;
     f.showBlockingError = [](const QString& title, const QString& message) {

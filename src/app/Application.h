@@ -16,6 +16,7 @@
 
 // The running tray application: the dictation controller with the real collaborators of an X11
 // desktop, its windows, and the one-instance rule. Made after the QApplication.
+class EvdevHotkeyManager;
 class TextInjector;
 
 class Application final : public QObject {
@@ -39,4 +40,5 @@ private:
     SingleInstance single_;
     std::unique_ptr<Bootstrap> bootstrap_;
     QPointer<TextInjector> injector_;
+    QPointer<EvdevHotkeyManager> evdevHotkey_;
 };

@@ -173,7 +173,7 @@ QCoro::Task<> Bootstrap::completeSetup()
         co_return;
     }
     Diagnostics::log(QStringLiteral("bootstrap: accessibility missing — prompting + polling"));
-    PermissionPrompt::show(PermissionPrompt::accessibility);
+    PermissionPrompt::show(*factory_.keyMonitorPrompt);
     startAccessibilityPolling();
 }
 

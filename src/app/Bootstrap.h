@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/PermissionPrompt.h"
 #include "core/Collaborators.h"
 
 #include <QObject>
@@ -33,6 +34,8 @@ public:
         std::function<void()> checkForUpdates;
         std::function<void()> showAbout;
         std::function<void(bool showInTaskbar)> applyDockIconPolicy;
+        // What the prompt says while the key monitor cannot start.
+        const PermissionPrompt::Texts* keyMonitorPrompt = &PermissionPrompt::accessibility;
     };
 
     Bootstrap(AppDelegate& delegate, Factory factory, QObject* parent = nullptr);

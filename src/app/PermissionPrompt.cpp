@@ -30,6 +30,14 @@ const PermissionPrompt::Texts PermissionPrompt::accessibility{
                    "It starts working the moment the display is available — no relaunch needed."),
     QStringLiteral("Open Accessibility Settings"), {}};
 
+const PermissionPrompt::Texts PermissionPrompt::inputDevices{
+    QStringLiteral("Allow Tolvane to read the keyboard"),
+    QStringLiteral("In a Wayland session Tolvane reads the Alt key from /dev/input, which takes membership of the "
+                   "input group. Run: sudo usermod -aG input $USER — then log out and in. Tolvane's udev rule, "
+                   "installed with it, gives that group /dev/uinput too, so Alt+Space stays out of the application. "
+                   "It starts working the moment it can read the keys — no relaunch needed."),
+    QStringLiteral("Open Tolvane Settings"), {}};
+
 namespace {
 
 void openSettings(const QStringList& commands, bool ownAsFallback)

@@ -22,6 +22,8 @@ public:
     static const Texts microphone;
     static const Texts speech;
     static const Texts accessibility;
+    // The accessibility prompt of a Wayland session, where the keys are read from /dev/input.
+    static const Texts inputDevices;
 
     // Builds the panel, makes it the current prompt and opens the settings URL.
     static void show(const Texts& texts);

@@ -6,7 +6,7 @@
 #include <optional>
 
 // The modifier the user holds to dictate. Raw values are what the settings store; key codes are
-// X11 keycodes (evdev code + 8).
+// X11 keycodes (evdev code + 8), evdev codes are the kernel's (what a Wayland session's monitor reads).
 enum class ActivationKey { leftOption, rightOption, leftCommand, rightCommand, rightControl, fn };
 
 namespace ActivationKeys {
@@ -22,5 +22,7 @@ std::optional<ActivationKey> fromRawValue(const QString& raw);
 QString label(ActivationKey key);
 // 0 when X11 has no keycode for the key (Fn on most keyboards).
 unsigned keyCode(ActivationKey key);
+// The kernel's key code (KEY_LEFTALT…, KEY_FN).
+unsigned evdevCode(ActivationKey key);
 
 }  // namespace ActivationKeys

@@ -15,9 +15,9 @@ KeyCommand KeyClassifier::handle(bool press, unsigned keycode, unsigned activati
     }
     if (!press)
         return KeyCommand::none;  // releases of other keys are not watched
-    if (keycode == escapeKeycode)
+    if (keycode == codes_.escape)
         return KeyCommand::escape;
-    if (keycode == spaceKeycode && optionDown_)
+    if (keycode == codes_.space && optionDown_)
         return KeyCommand::toggleChord;
     if (isModifier)
         return KeyCommand::none;  // the other side's modifier, Shift, Ctrl...: a flag change only

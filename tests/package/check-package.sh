@@ -24,6 +24,7 @@ expected=(
   ./usr/share/doc/tolvane/README.md
   ./usr/share/doc/tolvane/copyright
   ./usr/share/doc/tolvane/changelog.gz
+  ./usr/lib/udev/rules.d/60-tolvane-uinput.rules
 )
 for size in 16 22 24 32 48 64 128 256; do
   expected+=("./usr/share/icons/hicolor/${size}x${size}/apps/tolvane.png")
@@ -33,7 +34,7 @@ for f in "${expected[@]}"; do
 done
 
 depends=$(dpkg-deb -f "$deb" Depends)
-for dep in pocketsphinx-en-us libqt6core6 libpocketsphinx3 libc6; do
+for dep in pocketsphinx-en-us libqt6core6 libpocketsphinx3 libevdev2 libudev1 libc6; do
   grep -q "\b$dep\b" <<<"$depends" || fail "Depends lacks $dep: $depends"
 done
 

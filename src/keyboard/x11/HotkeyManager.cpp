@@ -178,17 +178,10 @@ void HotkeyManager::handleKey(bool press, unsigned keycode, int sourceId)
     const KeyCommand command = classifier_.handle(press, keycode, activation, x_->mods.isModifier(keycode));
     if (classifier_.isOptionDown() != wasDown)
         grabSpace(classifier_.isOptionDown());
-    switch (command) {
-    case KeyCommand::none: break;
-    case KeyCommand::optionDown:
+    if (command == KeyCommand::optionDown)
         neutralizeModifierTap();
-        schedule(&AbstractHotkeyManager::onOptionDown);
-        break;
-    case KeyCommand::optionUp: schedule(&AbstractHotkeyManager::onOptionUp); break;
-    case KeyCommand::toggleChord: schedule(&AbstractHotkeyManager::onToggleChord); break;
-    case KeyCommand::escape: schedule(&AbstractHotkeyManager::onEscape); break;
-    case KeyCommand::anyKey: schedule(&AbstractHotkeyManager::onAnyKey); break;
-    }
+    if (command != KeyCommand::none)
+        schedule(hotkeyCallback(command));
 }
 
 void HotkeyManager::schedule(std::function<void()> AbstractHotkeyManager::*callback)

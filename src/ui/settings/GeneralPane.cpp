@@ -257,17 +257,21 @@ QWidget* GeneralPane::buildShortcut()
     h->addStretch(1);
     keyPicker_ = makePicker("activationKeyPicker");
     keyPicker_->setAccessibleName(QStringLiteral("Activation key"));
-    for (ActivationKey key : ActivationKeys::allCases)
-        keyPicker_->addItem(ActivationKeys::label(key), ActivationKeys::rawValue(key));
-    keyPicker_->setCurrentIndex(static_cast<int>(activationKey_));
+    fillKeyPicker();
     h->addWidget(keyPicker_);
     v->addLayout(h);
     v->addWidget(Theme::makeDivider());
     tester_ = new HotkeyTester(activationKey_);
     tester_->setObjectName(QStringLiteral("hotkeyTester"));
     v->addWidget(tester_);
+    keyboardNotice_ = textLabel(QString(), Theme::TextStyle::caption, Theme::systemOrange());
+    keyboardNotice_->setObjectName(QStringLiteral("keyboardNotice"));
+    keyboardNotice_->setWordWrap(true);
+    keyboardNotice_->setTextInteractionFlags(Qt::TextSelectableByMouse);  // so the command can be copied
+    v->addWidget(keyboardNotice_);
+    updateKeyboardNotice();
     connect(keyPicker_, &QComboBox::activated, this, [this](int index) {
-        const ActivationKey key = ActivationKeys::allCases[static_cast<size_t>(index)];
+        const ActivationKey key = ActivationKeys::fromRawValue(keyPicker_->itemData(index).toString()).value_or(activationKey_);
         if (key == activationKey_)
             return;
         activationKey_ = key;
@@ -452,8 +456,28 @@ void GeneralPane::fillLocalePicker()
 void GeneralPane::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
+    fillKeyPicker();
+    updateKeyboardNotice();
     loadLocales();
     checkCleanupModel();
+}
+
+void GeneralPane::fillKeyPicker()
+{
+    keyPicker_->clear();
+    for (ActivationKey key : ActivationKeys::allCases) {
+        // The chosen key stays listed even when no keyboard offers it now.
+        if (key == activationKey_ || !services_.offersKey || services_.offersKey(key))
+            keyPicker_->addItem(ActivationKeys::label(key), ActivationKeys::rawValue(key));
+    }
+    keyPicker_->setCurrentIndex(keyPicker_->findData(ActivationKeys::rawValue(activationKey_)));
+}
+
+void GeneralPane::updateKeyboardNotice()
+{
+    const QString notice = services_.keyboardNotice ? services_.keyboardNotice() : QString();
+    keyboardNotice_->setText(notice);
+    keyboardNotice_->setVisible(!notice.isEmpty());
 }
 
 void GeneralPane::loadLocales()

@@ -45,6 +45,8 @@ private:
     void checkCleanupModel();
     void updateCleanupRow();
     void updateHowTo();
+    void fillKeyPicker();
+    void updateKeyboardNotice();
 
     std::function<void()> reassert_;
     SettingsServices services_;
@@ -62,6 +64,7 @@ private:
     QComboBox* localePicker_ = nullptr;
     QComboBox* keyPicker_ = nullptr;
     HotkeyTester* tester_ = nullptr;
+    QLabel* keyboardNotice_ = nullptr;
     QComboBox* cleanupPicker_ = nullptr;
     QLabel* cleanupCaption_ = nullptr;
     QLineEdit* endpointField_ = nullptr;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/ActivationKey.h"
 #include "storage/TranscriptStore.h"
 #include "text/CleanupEngine.h"
 
@@ -22,4 +23,10 @@ struct SettingsServices {
     // The history, oldest first, and the operation that deletes it. Empty: TranscriptStore::shared().
     std::function<QList<TranscriptEntry>()> historyEntries;
     std::function<void()> clearHistory;
+    // What the key monitor lacks from the system, said under the shortcut (with the command that
+    // fixes it); asked each time the General pane is shown. Empty function or text: no line.
+    std::function<QString()> keyboardNotice;
+    // Whether the activation-key picker offers a key (Fn only where a keyboard reports it); asked
+    // each time the General pane is shown. Empty: every key.
+    std::function<bool(ActivationKey)> offersKey;
 };

@@ -268,8 +268,19 @@ private Q_SLOTS:
             co_await timer;
             co_return QStringList{QStringLiteral("en-US"), QStringLiteral("de-DE")};
         };
+        QString keyboardNotice = QStringLiteral("the chord's Space also reaches the application");
+        services.keyboardNotice = [&keyboardNotice] { return keyboardNotice; };
+        services.offersKey = [](ActivationKey key) { return key != ActivationKey::fn; };
         GeneralPane pane({}, services);
         pane.show();
+        // What the key monitor lacks is said under the shortcut, and asked again each time the pane shows.
+        auto* notice = child<QLabel>(&pane, "keyboardNotice");
+        QVERIFY(notice->isVisible() && notice->text() == keyboardNotice);
+        keyboardNotice.clear();
+        pane.hide();
+        pane.show();
+        QVERIFY(!notice->isVisible());
+        QCOMPARE(child<QComboBox>(&pane, "activationKeyPicker")->count(), 5);  // no keyboard with Fn
         // The language list is shown at once with the current language only, the others follow.
         auto* languages = child<QComboBox>(&pane, "languagePicker");
         QCOMPARE(languages->count(), 1);

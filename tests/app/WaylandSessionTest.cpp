@@ -1,0 +1,96 @@
+// The real tolvane program in a headless sway session: its windows through Xwayland, its keys read
+// from a keyboard that is a named pipe, its microphone a PulseAudio pipe. What is typed into Wayland
+// clients is not checked here; the state machine's log lines and the pill are.
+#include "support/KeyPipe.h"
+#include "support/Sound.h"
+#include "support/Sway.h"
+#include "support/TestSupport.h"
+#include "ui/pill/OverlayPlacement.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class WaylandSessionTest : public QObject {
+    Q_OBJECT
+    SwaySession sway_;
+    AudioTest::PipeMicrophone microphone_;
+    std::unique_ptr<KeyPipe> keyboard_;
+    QProcess tolvane_;
+
+    // Whether the pill is on screen at this width.
+    bool pillIs(int width)
+    {
+        const bool seen = TestSupport::waitUntil([&] {
+            const QList<QRect> windows = sway_.x11Windows(u"Tolvane"_s);
+            return std::any_of(windows.begin(), windows.end(), [&](const QRect& r) { return r.width() == width; });
+        });
+        if (!seen)
+            qWarning() << "windows titled Tolvane:" << sway_.x11Windows(u"Tolvane"_s);
+        return seen;
+    }
+
+    // Presses the dictation key and keeps it down until the microphone is on.
+    bool holdUntilListening(const TestSupport::LogMark& mark)
+    {
+        return keyboard_->press(EvKey::leftAlt) && mark.waitFor(u"dictation: audio + transcriber running"_s);
+    }
+    bool tap(std::uint16_t key) { return keyboard_->press(key) && keyboard_->release(key); }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // sway gives floating windows at least 75x50 unless told otherwise; the pill is smaller.
+        QCOMPARE(sway_.start({u"floating_minimum_size 1 x 1"_s}), QString());
+        QCOMPARE(microphone_.start(), QString());
+        keyboard_ = std::make_unique<KeyPipe>(AudioTest::sandboxPath(u"keyboard"_s));
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        const QMap<QString, QString> session = sway_.clientEnvironment();
+        for (auto it = session.begin(); it != session.end(); ++it)
+            env.insert(it.key(), it.value());
+        env.insert(u"TOLVANE_INPUT_DEVICES"_s, keyboard_->path());
+        tolvane_.setProcessEnvironment(env);
+        tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        const TestSupport::LogMark mark;
+        tolvane_.start(TestSupport::tolvaneBinary(), {});
+        QVERIFY2(mark.waitFor(u"bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."_s, 60000), "tolvane did not become ready");
+        QVERIFY(mark.messages().contains(u"hotkey: Wayland session — keys read from /dev/input (evdev)"_s));
+        QVERIFY(keyboard_->connect());
+        QVERIFY2(pillIs(OverlayPlacement::idleWidth), "the idle pill is not on screen");
+    }
+
+    void cleanupTestCase()
+    {
+        keyboard_.reset();
+        TestSupport::stop(tolvane_);
+        microphone_.stop();
+        sway_.stop();
+    }
+
+    void holdChordThenTapEnds()
+    {
+        const TestSupport::LogMark mark;
+        QVERIFY(holdUntilListening(mark));
+        QVERIFY(tap(EvKey::space));
+        QVERIFY(mark.waitFor(u"state: HOLD → TOGGLE (⌥+Space while holding)"_s));
+        QVERIFY2(pillIs(OverlayPlacement::expandedWidth), "the hands-free pill with its buttons is not on screen");
+        QVERIFY(keyboard_->release(EvKey::leftAlt));
+        QVERIFY(tap(EvKey::leftAlt));
+        QVERIFY(mark.waitFor(u"state: TOGGLE → END (⌥ tap)"_s));
+        QVERIFY(mark.waitFor(u"dictation: finishing (paste=true, fromToggle=true)"_s));
+        QVERIFY2(pillIs(OverlayPlacement::idleWidth), "the pill did not return to idle");
+    }
+
+    void escapeDiscards()
+    {
+        const TestSupport::LogMark mark;
+        QVERIFY(holdUntilListening(mark));
+        QVERIFY(tap(EvKey::esc));
+        QVERIFY(mark.waitFor(u"dictation: DISCARD"_s));
+        QVERIFY(keyboard_->release(EvKey::leftAlt));
+        QVERIFY(mark.messages().filter(u"finishing"_s).isEmpty());
+    }
+};
+
+QTEST_MAIN(WaylandSessionTest)
+#include "WaylandSessionTest.moc"
