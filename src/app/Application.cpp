@@ -13,6 +13,8 @@
 #include "ui/tray/MenuBarController.h"
 #include "ui/widgets/TaskbarPresence.h"
 
+#include "storage/Preferences.h"
+
 #include <QApplication>
 #include <QMessageBox>
 #include <QTimer>
@@ -24,6 +26,10 @@ SettingsServices settingsServices(CleanupEngine& cleanup)
     SettingsServices services;
     services.supportedLocales = [] { return TranscriberController::supportedLocaleIdentifiers(); };
     services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
+    services.speechAvailability = [] {
+        return ServerSpeechEngine::checkAvailability(
+            ServerSpeechEngine::Config::fromPreferences(Preferences::shared().localeIdentifier()));
+    };
     return services;
 }
 
