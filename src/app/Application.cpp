@@ -15,6 +15,8 @@
 #include "ui/tray/MenuBarController.h"
 #include "ui/widgets/TaskbarPresence.h"
 
+#include "storage/Preferences.h"
+
 #include <QApplication>
 #include <QMessageBox>
 #include <QTimer>
@@ -28,6 +30,10 @@ SettingsServices settingsServices(CleanupEngine& cleanup, std::function<bool()> 
     services.cleanupAvailability = [&cleanup] { return cleanup.checkAvailability(); };
     services.keyboardNotice = &InputAccess::chordSpaceNotice;
     services.offersKey = [fnKeyPresent](ActivationKey key) { return key != ActivationKey::fn || fnKeyPresent(); };
+    services.speechAvailability = [] {
+        return ServerSpeechEngine::checkAvailability(
+            ServerSpeechEngine::Config::fromPreferences(Preferences::shared().localeIdentifier()));
+    };
     return services;
 }
 

@@ -89,6 +89,7 @@ QCoro::Task<int> run(Options options)
     {
         std::lock_guard lock(printing);
         printLine(stdout, text);
+        printLine(stderr, QStringLiteral("tolvane: transcribed by ") + transcriber.answeredBy());
     }
     co_return 0;
 }

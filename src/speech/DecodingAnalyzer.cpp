@@ -4,6 +4,10 @@
 #include "speech/AnalyzerInputStream.h"
 #include "speech/SpeechFormat.h"
 #include "speech/SpeechResultStream.h"
+#include "storage/Diagnostics.h"
+
+#include <algorithm>
+#include <cmath>
 
 DecodingAnalyzer::DecodingAnalyzer(std::shared_ptr<SpeechResultStream> results, std::optional<AudioFormat> accepted)
     : results_(std::move(results)), accepted_(accepted)
@@ -74,6 +78,30 @@ bool DecodingAnalyzer::cancelRequested() const
 }
 
 void DecodingAnalyzer::emitResult(const QString& text, bool isFinal) { results_->yield({text, isFinal}); }
+
+bool DecodingAnalyzer::monoPcm16(const AudioBuffer& buffer, std::vector<std::int16_t>& out)
+{
+    const AudioFormat wanted{16000, 1};
+    if (buffer.format.sampleRate != wanted.sampleRate || buffer.format.channelCount < 1) {
+        if (!warned_) {
+            warned_ = true;
+            Diagnostics::log(QStringLiteral("transcriber: dropping audio in ") + SpeechFormat::describe(buffer.format)
+                             + QStringLiteral("; the recognizer takes ") + SpeechFormat::describe(wanted));
+        }
+        return false;
+    }
+    const int channels = buffer.format.channelCount;
+    const int frames = buffer.frameCount();
+    out.resize(static_cast<size_t>(frames));
+    for (int i = 0; i < frames; ++i) {
+        float sum = 0;
+        for (int c = 0; c < channels; ++c)
+            sum += buffer.samples[static_cast<size_t>(i * channels + c)];
+        const float v = std::clamp(sum / static_cast<float>(channels), -1.0f, 1.0f);
+        out[static_cast<size_t>(i)] = static_cast<std::int16_t>(std::lrint(v * 32767.0f));
+    }
+    return true;
+}
 
 void DecodingAnalyzer::run()
 {

@@ -5,10 +5,12 @@
 #include <QString>
 
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 class AnalyzerInputStream;
 class SpeechResultStream;
@@ -40,6 +42,9 @@ protected:
     virtual void endDecoding() {}
 
     void emitResult(const QString& text, bool isFinal);
+    // The buffer as 16 kHz mono 16-bit samples, channels mixed; false (logged once per session) for
+    // audio at another rate, which the engines cannot take.
+    bool monoPcm16(const AudioBuffer& buffer, std::vector<std::int16_t>& out);
     bool cancelRequested() const;
     // Cancels and joins the decoding thread. Subclasses call it first thing in their destructor, as
     // the thread runs their hooks.
@@ -58,4 +63,5 @@ private:
     bool cancelRequested_ = false;
     bool done_ = false;
     QString error_;
+    bool warned_ = false;  // decoding thread only
 };

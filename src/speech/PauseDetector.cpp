@@ -17,7 +17,7 @@ void PauseDetector::reset()
 {
     next_ = filled_ = 0;
     energy_ = 0;
-    inFrame_ = quietRun_ = 0;
+    inFrame_ = quietRun_ = sinceSound_ = 0;
 }
 
 bool PauseDetector::feed(const std::int16_t* samples, std::size_t count)
@@ -58,6 +58,7 @@ bool PauseDetector::endFrame()
     next_ = (next_ + 1) % recentDb_.size();
     filled_ = std::min(filled_ + 1, recentDb_.size());
     const auto [quietest, loudest] = std::minmax_element(recentDb_.begin(), recentDb_.begin() + static_cast<std::ptrdiff_t>(filled_));
+    sinceSound_ = db > *quietest + marginDb_ ? 0 : sinceSound_ + 1;
     // Without speech well above the floor in the window (speech from the first frame, or nothing
     // but noise) there is nothing to tell a pause from.
     if (db > *quietest + marginDb_ || *loudest < *quietest + contrastDb) {

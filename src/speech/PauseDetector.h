@@ -19,6 +19,8 @@ public:
     // Takes the next samples; true when a pause became long enough within them.
     bool feed(const std::int16_t* samples, std::size_t count);
     void reset();
+    // How many frames have passed since the last one that stood out from the room's noise.
+    int framesSinceSound() const { return sinceSound_; }
 
 private:
     bool endFrame();
@@ -31,6 +33,7 @@ private:
     double energy_ = 0;  // of the frame being filled
     int inFrame_ = 0;
     int quietRun_ = 0;
+    int sinceSound_ = 0;
 };
 
 // When to end a decoder's segment early: once it has lasted `after`, at the next pause of `pause`.
@@ -44,6 +47,7 @@ public:
     // Takes the open segment's next samples; true when it should end after them.
     bool shouldEnd(const std::int16_t* samples, std::size_t count);
     void segmentEnded() { segmentSamples_ = 0; }
+    int framesSinceSound() const { return pauses_.framesSinceSound(); }
 
 private:
     PauseDetector pauses_;

@@ -269,25 +269,8 @@ protected:
 
     void decode(const AudioBuffer& buffer) override
     {
-        if (buffer.format.sampleRate != PocketsphinxEngine::format().sampleRate || buffer.format.channelCount < 1) {
-            if (!warned_) {
-                warned_ = true;
-                Diagnostics::log(QStringLiteral("transcriber: dropping audio in ") + SpeechFormat::describe(buffer.format)
-                                 + QStringLiteral("; the recognizer takes ")
-                                 + SpeechFormat::describe(PocketsphinxEngine::format()));
-            }
+        if (!monoPcm16(buffer, pcm_))
             return;
-        }
-        const int channels = buffer.format.channelCount;
-        const int frames = buffer.frameCount();
-        pcm_.resize(static_cast<size_t>(frames));
-        for (int i = 0; i < frames; ++i) {
-            float sum = 0;
-            for (int c = 0; c < channels; ++c)
-                sum += buffer.samples[static_cast<size_t>(i * channels + c)];
-            const float v = std::clamp(sum / static_cast<float>(channels), -1.0f, 1.0f);
-            pcm_[static_cast<size_t>(i)] = static_cast<int16>(std::lrint(v * 32767.0f));
-        }
         ps_decoder_t* ps = engine_->decoder_;
         if (ps_process_raw(ps, pcm_.data(), pcm_.size(), FALSE, FALSE) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
@@ -316,6 +299,8 @@ protected:
     }
 
     void finalizeDecoding() override { closeUtterance(); }
+
+    QString answeredBy() const override { return QStringLiteral("pocketsphinx"); }
 
     void endDecoding() override
     {
@@ -352,7 +337,6 @@ private:
     bool claimed_ = false;
     bool uttOpen_ = false;
     bool inSegment_ = false;
-    bool warned_ = false;
 };
 
 std::vector<std::int16_t> PocketsphinxEngine::leadIn(const Settings& settings)

@@ -2,6 +2,8 @@
 
 #include "core/AudioBuffer.h"
 
+#include <QString>
+
 #include <memory>
 #include <optional>
 
@@ -25,6 +27,8 @@ public:
     virtual void finalizeAndFinishThroughEndOfInput() = 0;
     // Stops at once, dropping undecoded input, and ends the result stream. Never throws.
     virtual void cancelAndFinishNow() = 0;
+    // Which recognizer produced the session's text, in words ("pocketsphinx").
+    virtual QString answeredBy() const = 0;
 };
 
 // A recognizer loaded for one language: made when a language is prepared (loading a model is the

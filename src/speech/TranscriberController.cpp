@@ -4,10 +4,12 @@
 #include "speech/AnalyzerInputStream.h"
 #include "speech/Background.h"
 #include "speech/ModelInventory.h"
+#include "speech/ServerSpeechEngine.h"
 #include "speech/SpeechEngine.h"
 #include "speech/SpeechFormat.h"
 #include "speech/SpeechResultStream.h"
 #include "storage/Diagnostics.h"
+#include "storage/Preferences.h"
 
 #include <QtConcurrent/QtConcurrentRun>
 
@@ -148,8 +150,12 @@ QCoro::Task<void> TranscriberController::start()
     auto stream = std::make_shared<AnalyzerInputStream>();
     setContinuation(std::make_shared<AnalyzerInputStream::Continuation>(stream));
 
-    // Replacing an abandoned session's analyzer stops it; its results loop then ends by itself.
-    std::shared_ptr<SpeechAnalyzer> analyzer = engine_->makeAnalyzer(results);
+    // The speech server, when chosen, is asked afresh each dictation; the loaded engine stands by
+    // for it. Replacing an abandoned session's analyzer stops it; its results loop then ends by itself.
+    std::shared_ptr<SpeechEngine> engine = engine_;
+    if (Preferences::shared().speechEngine() == SpeechEngineKind::server)
+        engine = std::make_shared<ServerSpeechEngine>(ServerSpeechEngine::Config::fromPreferences(*preparedLocale_), engine_);
+    std::shared_ptr<SpeechAnalyzer> analyzer = engine->makeAnalyzer(results);
     analyzer_ = analyzer;
 
     if (analyzerFormat_) {
@@ -232,6 +238,7 @@ QCoro::Task<QString> TranscriberController::finish()
         } catch (const std::exception& e) {
             Diagnostics::log(QStringLiteral("transcriber: finalize warning: ") + describe(e));
         }
+        answeredBy_ = analyzer->answeredBy();
         if (analyzer_ == analyzer)
             analyzer_.reset();
     }

@@ -46,6 +46,9 @@ public:
     static QCoro::Task<QStringList> supportedLocaleIdentifiers(AbstractModelInventory& models);
 
     std::optional<QString> preparedLocale() const { return preparedLocale_; }
+    // Which recognizer produced the last finished session's text ("pocketsphinx", "the speech
+    // server at …"); empty before the first.
+    QString answeredBy() const { return answeredBy_; }
 
 private:
     void runResultsLoop(std::shared_ptr<SpeechResultStream> results);
@@ -61,6 +64,7 @@ private:
     std::shared_ptr<QFuture<void>> resultsTask_;
     std::optional<AudioFormat> analyzerFormat_;
     std::optional<QString> preparedLocale_;
+    QString answeredBy_;
     QString finalText_;
     QString partialText_;
     mutable std::mutex lock_;  // guards finalText_ and partialText_

@@ -115,7 +115,14 @@ QString Preferences::value(const Setting<QString>& s) const
     return v.typeId() == QMetaType::QString ? v.toString() : s.fallback;
 }
 
+int Preferences::value(const BoundedSetting& s) const
+{
+    const auto n = asInteger(stored(s.key));
+    return n ? static_cast<int>(std::clamp<qlonglong>(*n, s.min, s.max)) : s.fallback;
+}
+
 void Preferences::setValue(const Setting<bool>& s, bool v) { store(s.key, v); }
+void Preferences::setValue(const BoundedSetting& s, int v) { store(s.key, std::clamp(v, s.min, s.max)); }
 void Preferences::setValue(const Setting<int>& s, int v) { store(s.key, v); }
 void Preferences::setValue(const Setting<QString>& s, const QString& v) { store(s.key, v); }
 
@@ -168,6 +175,18 @@ bool Preferences::autoReturn() const { return value(Settings::autoReturn); }
 void Preferences::setAutoReturn(bool on) { setValue(Settings::autoReturn, on); }
 bool Preferences::liveTyping() const { return value(Settings::liveTyping); }
 void Preferences::setLiveTyping(bool on) { setValue(Settings::liveTyping, on); }
+
+SpeechEngineKind Preferences::speechEngine() const
+{
+    const QVariant v = stored("speechEngine");
+    return v.typeId() == QMetaType::QString && v.toString() == QLatin1String("server") ? SpeechEngineKind::server
+                                                                                       : SpeechEngineKind::pocketsphinx;
+}
+
+void Preferences::setSpeechEngine(SpeechEngineKind kind)
+{
+    store("speechEngine", kind == SpeechEngineKind::server ? QStringLiteral("server") : QStringLiteral("pocketsphinx"));
+}
 
 std::optional<double> Preferences::doubleValue(const QString& key) const
 {

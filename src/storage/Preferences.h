@@ -18,6 +18,18 @@ struct Setting {
     T fallback;
 };
 
+// A whole number kept within bounds: reads and writes are clamped into min..max.
+struct BoundedSetting {
+    const char* key;
+    int fallback;
+    int min;
+    int max;
+};
+
+// Which recognizer transcribes: pocketsphinx on this computer (stored "pocketsphinx", also what an
+// absent or unknown value reads as), or a local transcription server ("server").
+enum class SpeechEngineKind { pocketsphinx, server };
+
 namespace Settings {
 inline const Setting<QString> locale{"locale", QStringLiteral("en-US")};
 inline const Setting<bool> historyEnabled{"historyEnabled", true};
@@ -44,6 +56,15 @@ inline const Setting<QString> speechModelCatalog{"speechModelCatalog", QString()
 // 0..10000.
 inline const Setting<int> speechLeadInMs{"speechLeadInMs", 150};
 inline const Setting<int> speechSplitAfterMs{"speechSplitAfterMs", 0};
+// The local transcription server used when speechEngine is "server": whisper.cpp's server (an
+// endpoint ending in /inference) or an OpenAI-compatible base URL; empty means not configured. An
+// empty model lets the server choose. As for cleanup, an endpoint that is not loopback is refused
+// unless allowed. A segment's request may take speechRequestTimeoutMs before the dictation falls
+// back to pocketsphinx (not in the Settings window; a large model on a slow machine may want more).
+inline const Setting<QString> speechEndpoint{"speechEndpoint", QString()};
+inline const Setting<QString> speechModel{"speechModel", QString()};
+inline const Setting<bool> speechAllowRemote{"speechAllowRemote", false};
+inline const BoundedSetting speechRequestTimeoutMs{"speechRequestTimeoutMs", 30000, 1000, 600000};
 // The desktop had no tray and the user was told where the menu is instead; told once.
 inline const Setting<bool> noTrayExplained{"noTrayExplained", false};
 inline constexpr int retentionMin = 1;
@@ -74,6 +95,8 @@ public:
     void setAutoReturn(bool on);
     bool liveTyping() const;
     void setLiveTyping(bool on);
+    SpeechEngineKind speechEngine() const;
+    void setSpeechEngine(SpeechEngineKind kind);
     // The XDG autostart entry, $XDG_CONFIG_HOME/autostart/tolvane.desktop.
     bool startAtLogin() const;
     void setStartAtLogin(bool on);
@@ -83,9 +106,11 @@ public:
     bool value(const Setting<bool>& setting) const;
     int value(const Setting<int>& setting) const;
     QString value(const Setting<QString>& setting) const;
+    int value(const BoundedSetting& setting) const;
     void setValue(const Setting<bool>& setting, bool v);
     void setValue(const Setting<int>& setting, int v);
     void setValue(const Setting<QString>& setting, const QString& v);
+    void setValue(const BoundedSetting& setting, int v);
 
     // Keys owned by other parts of the program (the pill's position, the snippets).
     std::optional<double> doubleValue(const QString& key) const;

@@ -1,6 +1,5 @@
 #include "text/ChatCompletions.h"
 
-#include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -17,23 +16,6 @@ std::optional<QJsonObject> parseObject(const QByteArray& body)
     return doc.object();
 }
 }  // namespace
-
-QString normalizedEndpoint(const QString& endpoint)
-{
-    QString s = endpoint.trimmed();
-    while (s.endsWith(QLatin1Char('/')))
-        s.chop(1);
-    return s;
-}
-
-bool isLoopback(const QUrl& url)
-{
-    const QString host = url.host();
-    if (host.compare(QLatin1String("localhost"), Qt::CaseInsensitive) == 0)
-        return true;
-    const QHostAddress address(host);
-    return !address.isNull() && address.isLoopback();
-}
 
 QByteArray requestBody(const QString& model, const QString& instructions, const QString& prompt)
 {
@@ -79,17 +61,6 @@ std::optional<QString> answerContent(const QByteArray& body)
     if (!content.isString())
         return std::nullopt;
     return content.toString();
-}
-
-QString errorMessage(const QByteArray& body)
-{
-    const auto o = parseObject(body);
-    if (!o)
-        return {};
-    const QJsonValue error = o->value(QLatin1String("error"));
-    if (error.isString())
-        return error.toString();
-    return error.toObject().value(QLatin1String("message")).toString();
 }
 
 }  // namespace ChatCompletions

@@ -1,11 +1,11 @@
 #include "text/CleanupEngine.h"
 
+#include "core/LocalServer.h"
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 #include "text/ChatCompletions.h"
 
 #include <QNetworkAccessManager>
-#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QTextBoundaryFinder>
@@ -54,38 +54,12 @@ const char* taskParagraph(CleanupMode mode)
     return nullptr;
 }
 
-// One manager per call, so a call shares nothing with another and owns everything it waits on.
-// Loopback traffic never goes through a proxy, and redirects are not followed: a local server
-// must not be able to send the transcript elsewhere.
-std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint)
-{
-    auto network = std::make_unique<QNetworkAccessManager>();
-    network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);
-    if (ChatCompletions::isLoopback(endpoint))
-        network->setProxy(QNetworkProxy::NoProxy);
-    return network;
-}
-
 QNetworkRequest jsonRequest(const QString& url)
 {
     QNetworkRequest request{QUrl(url)};
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setRawHeader("Accept", "application/json");
     return request;
-}
-
-// What went wrong with a finished reply, in words, or an empty string when it succeeded.
-QString failure(QNetworkReply* reply, const QByteArray& body)
-{
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 300) {
-        const QString message = ChatCompletions::errorMessage(body);
-        return QStringLiteral("the server answered HTTP %1").arg(status)
-               + (message.isEmpty() ? QString() : QStringLiteral(": ") + message);
-    }
-    if (reply->error() != QNetworkReply::NoError)
-        return reply->errorString();
-    return {};
 }
 
 struct Probe {
@@ -97,16 +71,12 @@ struct Probe {
 // Asks one server for its models and picks the wanted one (or the first).
 QCoro::Task<Probe> probe(QString endpoint, QString wantedModel, bool allowRemote)
 {
-    const QUrl url(endpoint, QUrl::StrictMode);
-    const QString scheme = url.scheme();
-    if (!url.isValid() || url.host().isEmpty() || (scheme != QLatin1String("http") && scheme != QLatin1String("https")))
-        co_return Probe{false, {}, QStringLiteral("“%1” is not a server address such as http://127.0.0.1:11434/v1").arg(endpoint)};
-    if (!ChatCompletions::isLoopback(url) && !allowRemote)
-        co_return Probe{false, {},
-                        QStringLiteral("%1 is not on this computer, and sending text to other computers is not allowed")
-                            .arg(endpoint)};
+    const QString refused = LocalServer::refusal(endpoint, allowRemote, QStringLiteral("http://127.0.0.1:11434/v1"),
+                                                 QStringLiteral("text"));
+    if (!refused.isEmpty())
+        co_return Probe{false, {}, refused};
 
-    auto network = makeNetwork(url);
+    auto network = LocalServer::makeNetwork(QUrl(endpoint));
     std::unique_ptr<QNetworkReply> reply(network->get(jsonRequest(endpoint + QStringLiteral("/models"))));
     const bool finished = co_await qCoro(reply.get()).waitForFinished(CleanupEngine::availabilityTimeout);
     if (!finished) {
@@ -117,7 +87,7 @@ QCoro::Task<Probe> probe(QString endpoint, QString wantedModel, bool allowRemote
                             .arg(CleanupEngine::availabilityTimeout.count() / 1000)};
     }
     const QByteArray body = reply->readAll();
-    if (const QString why = failure(reply.get(), body); !why.isEmpty())
+    if (const QString why = LocalServer::failure(reply.get(), body); !why.isEmpty())
         co_return Probe{false, {}, endpoint + QStringLiteral(": ") + why};
     const auto ids = ChatCompletions::modelIds(body);
     if (!ids)
@@ -140,13 +110,13 @@ struct Generation {
 
 QCoro::Task<Generation> generate(QString endpoint, QString model, QString instructions, QString prompt)
 {
-    auto network = makeNetwork(QUrl(endpoint));
+    auto network = LocalServer::makeNetwork(QUrl(endpoint));
     std::unique_ptr<QNetworkReply> reply(network->post(jsonRequest(endpoint + QStringLiteral("/chat/completions")),
                                                        ChatCompletions::requestBody(model, instructions, prompt)));
     // No time limit: a large model on a slow machine may take minutes, and the caller waits.
     co_await reply.get();
     const QByteArray body = reply->readAll();
-    if (const QString why = failure(reply.get(), body); !why.isEmpty())
+    if (const QString why = LocalServer::failure(reply.get(), body); !why.isEmpty())
         co_return Generation{{}, why};
     const auto content = ChatCompletions::answerContent(body);
     if (!content)
@@ -206,12 +176,12 @@ QCoro::Task<CleanupEngine::Availability> CleanupEngine::checkAvailability()
     // Copied before the first suspension: settings may change while we wait, and the engine
     // itself is not touched again.
     Preferences& prefs = Preferences::shared();
-    const QString configured = ChatCompletions::normalizedEndpoint(prefs.value(Settings::llmEndpoint));
+    const QString configured = LocalServer::normalizedEndpoint(prefs.value(Settings::llmEndpoint));
     const QString wantedModel = prefs.value(Settings::llmModel).trimmed();
     const bool allowRemote = prefs.value(Settings::llmAllowRemote);
     QStringList candidates;
     for (const QString& endpoint : configured.isEmpty() ? wellKnown_ : QStringList{configured})
-        candidates << ChatCompletions::normalizedEndpoint(endpoint);
+        candidates << LocalServer::normalizedEndpoint(endpoint);
 
     QStringList reasons;
     for (const QString& endpoint : std::as_const(candidates)) {

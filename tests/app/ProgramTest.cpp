@@ -1,6 +1,7 @@
 // The tolvane program as a user meets it from a shell, run as a black box without a display.
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
+#include "support/FakeSpeechServer.h"
 #include "support/Sound.h"
 #include "support/Speech.h"
 #include "support/TestSupport.h"
@@ -82,7 +83,7 @@ private Q_SLOTS:
         const ProgramRun run = tolvane({QStringLiteral("--transcribe"), speechWav_, QStringLiteral("--partials"),
                                         QStringLiteral("--locale"), QStringLiteral("en-us")});
         QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.err, QString());
+        QCOMPARE(run.err, QStringLiteral("tolvane: transcribed by pocketsphinx\n"));
         const QStringList out = run.outLines();
         QVERIFY(out.size() >= 2);
         for (qsizetype i = 0; i + 1 < out.size(); ++i)
@@ -91,6 +92,15 @@ private Q_SLOTS:
         QCOMPARE(out[out.size() - 2], QStringLiteral("partial: ") + out.last());
         const int heard = SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(out.last()));
         QVERIFY2(heard >= 7, qPrintable(out.last()));
+
+        // With the speech server chosen, it answers, and standard error says so.
+        FakeSpeechServer server;
+        QVERIFY(server.listen());
+        FakeSpeechServer::configure(server.openAiEndpoint());
+        const ProgramRun served = tolvane({QStringLiteral("--transcribe"), speechWav_});
+        Preferences::shared().setSpeechEngine(SpeechEngineKind::pocketsphinx);
+        QCOMPARE(served.out, QStringLiteral("segment 1\n"));
+        QCOMPARE(served.err, "tolvane: transcribed by the speech server at " + server.openAiEndpoint() + '\n');
     }
 
     void cleansUpStandardInput()

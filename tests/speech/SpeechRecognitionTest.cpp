@@ -105,6 +105,7 @@ protected:
         while (next_ < models_.script.size())
             say();
     }
+    QString answeredBy() const override { return QStringLiteral("the script"); }
 
 private:
     void say()

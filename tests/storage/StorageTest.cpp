@@ -112,6 +112,13 @@ private Q_SLOTS:
             writeBytes(Preferences::shared().storePath(), QByteArray("[General]\nhistoryRetention=") + stored + "\n");
             QCOMPARE(Preferences::shared().historyRetention(), read);
         }
+        // The same for a bounded setting; an engine that is not "server" reads as pocketsphinx.
+        for (const auto& [stored, read] : {std::pair{"10", 1000}, {"9999999", 600000}, {"45000", 45000}, {"soon", 30000}}) {
+            writeBytes(Preferences::shared().storePath(),
+                       QByteArray("[General]\nspeechEngine=Server\nspeechRequestTimeoutMs=") + stored + "\n");
+            QCOMPARE(Preferences::shared().value(Settings::speechRequestTimeoutMs), read);
+            QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::pocketsphinx);
+        }
     }
 
     // Writes are clamped and stored at once, as the raw values other programs (and later versions) read.
@@ -127,9 +134,12 @@ private Q_SLOTS:
         p.setActivationKey(ActivationKey::rightControl);  // signals on every write all the same
         p.setHistoryRetention(101);
         p.setCleanupMode(CleanupMode::raw);
+        p.setSpeechEngine(SpeechEngineKind::server);
+        p.setValue(Settings::speechRequestTimeoutMs, 5);
         const QByteArray ini = storeBytes();
         QVERIFY2(ini.contains("locale=de-DE") && ini.contains("historyRetention=100") && ini.contains("cleanupMode=raw")
-                     && ini.contains("activationKey=rightControl"), ini.constData());
+                     && ini.contains("activationKey=rightControl") && ini.contains("speechEngine=server")
+                     && ini.contains("speechRequestTimeoutMs=1000"), ini.constData());
         QCOMPARE((QList<qsizetype>{locale.count(), key.count()}), (QList<qsizetype>{1, 2}));
     }
 

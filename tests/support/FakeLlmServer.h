@@ -1,44 +1,21 @@
 #pragma once
 
-#include <QByteArray>
-#include <QJsonObject>
-#include <QList>
-#include <QObject>
-#include <QString>
+#include "support/LoopbackHttpServer.h"
+
 #include <QStringList>
 
 #include <functional>
 
-class QTcpServer;
-class QTcpSocket;
-
-// A small real HTTP server on 127.0.0.1 that speaks the two routes of the OpenAI-compatible API
-// that cleanup uses (GET /v1/models, POST /v1/chat/completions) and answers as a test needs.
-// Runs on the thread that made it, so the test must let its event loop run while it waits.
-class FakeLlmServer final : public QObject {
+// The loopback server speaking the two routes of the OpenAI-compatible API that cleanup uses
+// (GET /v1/models, POST /v1/chat/completions), answering as a test needs.
+class FakeLlmServer final : public LoopbackHttpServer {
     Q_OBJECT
 public:
-    struct Request {
-        QByteArray method;
-        QByteArray path;
-        QByteArray body;
-        QJsonObject json() const;
-    };
-    struct Response {
-        int status = 200;
-        QByteArray body;
-        int delayMs = 0;  // answer this much later; held: only when releaseHeld() is called
-    };
-    static constexpr int held = -1;
-
     explicit FakeLlmServer(QObject* parent = nullptr);
-    ~FakeLlmServer() override;
 
-    bool listen();              // any free port on 127.0.0.1
     // Makes this server the one cleanup uses: its endpoint, the first listed model, loopback only.
     void configureCleanup() const;
-    quint16 port() const;
-    QString endpoint() const;   // http://127.0.0.1:PORT/v1
+    QString endpoint() const;  // http://127.0.0.1:PORT/v1
     // A loopback endpoint where nothing listens (connections are refused).
     static QString closedEndpoint();
 
@@ -51,18 +28,9 @@ public:
 
     // A chat answer carrying content, shaped as the API does.
     static Response answer(const QString& content, int delayMs = 0);
-    static Response error(int status, const QString& message);
 
-    QList<Request> requests;  // every request received, in order
     QList<Request> chatRequests() const;
-    // Sends every held answer.
-    void releaseHeld();
 
-private:
-    void onConnection();
-    void onReadable(QTcpSocket* socket);
-    void respond(QTcpSocket* socket, const Response& response);
-
-    QTcpServer* server_;
-    QList<std::function<void()>> held_;
+protected:
+    std::optional<Response> route(const Request& request) override;
 };

@@ -151,16 +151,79 @@ QCoro::Task<QStringList> askLocales(std::function<QCoro::Task<QStringList>()> pr
     }
 }
 
-QCoro::Task<CleanupEngine::Availability> askAvailability(
-    std::function<QCoro::Task<CleanupEngine::Availability>()> provider)
+template <typename Availability>
+QCoro::Task<Availability> askAvailability(std::function<QCoro::Task<Availability>()> provider)
 {
     try {
         co_return co_await provider();
     } catch (const std::exception& e) {
-        CleanupEngine::Availability a;
+        Availability a;
         a.reason = QString::fromUtf8(e.what());
         co_return a;
     }
+}
+
+void paintDot(QLabel* dot, const QColor& color)
+{
+    QPixmap pm(QSize(10, 10) * 2);
+    pm.setDevicePixelRatio(2);
+    pm.fill(Qt::transparent);
+    QPainter p(&pm);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setPen(Qt::NoPen);
+    p.setBrush(color);
+    p.drawEllipse(QRectF(1, 2, 8, 8));
+    p.end();
+    dot->setPixmap(pm);
+}
+
+// A status line: a dot, then the text. Returns the text label.
+QLabel* statusRow(QVBoxLayout* v, QLabel** dotOut, const char* name)
+{
+    auto* status = rowLayout();
+    status->setSpacing(8);
+    auto* dot = new QLabel;
+    dot->setFixedSize(10, 10);
+    status->addWidget(dot, 0, Qt::AlignTop | Qt::AlignHCenter);
+    QLabel* text = textLabel(QString(), Theme::TextStyle::caption, Theme::secondaryText());
+    text->setObjectName(QString::fromLatin1(name));
+    text->setWordWrap(true);
+    text->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    status->addWidget(text, 1);
+    v->addLayout(status);
+    *dotOut = dot;
+    return text;
+}
+
+// "Available: <model> at <endpoint>", or what is wrong and what happens instead.
+template <typename Availability>
+void showAvailability(QLabel* dot, QLabel* text, const Availability& a, const QString& otherwise)
+{
+    if (a.available) {
+        paintDot(dot, brandGreen());
+        text->setText(QStringLiteral("Available: ") + a.model + QStringLiteral(" at ") + a.endpoint);
+        return;
+    }
+    paintDot(dot, Theme::systemOrange());
+    QString line = QStringLiteral("Not available");
+    QString reason = a.reason.trimmed();
+    while (reason.endsWith(QLatin1Char('.')))
+        reason.chop(1);
+    if (!reason.isEmpty())
+        line += QStringLiteral(": ") + reason;
+    text->setText(line + QStringLiteral(". ") + otherwise);
+}
+
+QLineEdit* settingField(const QString& text, const QString& placeholder, const char* name)
+{
+    auto* edit = new QLineEdit(text);
+    edit->setObjectName(QString::fromLatin1(name));
+    edit->setPlaceholderText(placeholder);
+    edit->setFont(Theme::font(Theme::TextStyle::body));
+    edit->setMinimumWidth(250);
+    edit->setClearButtonEnabled(true);
+    Theme::styleField(edit);
+    return edit;
 }
 
 }  // namespace
@@ -205,6 +268,10 @@ GeneralPane::GeneralPane(std::function<void()> reassert, SettingsServices servic
     recheck_->setSingleShot(true);
     recheck_->setInterval(600);  // wait for the user to stop typing before asking the server
     connect(recheck_, &QTimer::timeout, this, &GeneralPane::checkCleanupModel);
+    speechRecheck_ = new QTimer(this);
+    speechRecheck_->setSingleShot(true);
+    speechRecheck_->setInterval(600);
+    connect(speechRecheck_, &QTimer::timeout, this, &GeneralPane::checkSpeechServer);
 }
 
 GeneralPane::~GeneralPane() = default;
@@ -244,6 +311,45 @@ QWidget* GeneralPane::buildLanguage()
             return;  // choosing the selected language again writes nothing
         localeID_ = id;
         Preferences::shared().setLocaleIdentifier(id);
+    });
+
+    v->addWidget(Theme::makeDivider());
+    auto* engine = rowLayout();
+    engine->addWidget(titleBlock(QStringLiteral("Speech engine"), QString()));
+    engine->addStretch(1);
+    speechEnginePicker_ = makePicker("speechEnginePicker");
+    speechEnginePicker_->setAccessibleName(QStringLiteral("Speech engine"));
+    speechEnginePicker_->addItem(QStringLiteral("On this computer"));
+    speechEnginePicker_->addItem(QStringLiteral("Local server"));
+    speechEnginePicker_->setCurrentIndex(Preferences::shared().speechEngine() == SpeechEngineKind::server ? 1 : 0);
+    engine->addWidget(speechEnginePicker_);
+    v->addLayout(engine);
+    connect(speechEnginePicker_, &QComboBox::activated, this, [this](int index) {
+        Preferences::shared().setSpeechEngine(index == 1 ? SpeechEngineKind::server : SpeechEngineKind::pocketsphinx);
+        checkSpeechServer();
+    });
+
+    speechServerRows_ = new QWidget;
+    auto* rows = new QVBoxLayout(speechServerRows_);
+    rows->setContentsMargins(0, 0, 0, 0);
+    rows->setSpacing(9);
+    rows->addWidget(Theme::makeDivider());
+    speechEndpointField_ = settingField(Preferences::shared().value(Settings::speechEndpoint),
+                                        QStringLiteral("http://127.0.0.1:8080/inference"), "speechEndpointField");
+    auto* server = rowLayout();
+    server->addWidget(titleBlock(QStringLiteral("Server"), QStringLiteral("whisper.cpp or OpenAI-compatible")));
+    server->addStretch(1);
+    server->addWidget(speechEndpointField_);
+    rows->addLayout(server);
+    speechStatus_ = statusRow(rows, &speechStatusDot_, "speechServerStatus");
+    v->addWidget(speechServerRows_);
+    speechServerRows_->setVisible(Preferences::shared().speechEngine() == SpeechEngineKind::server);
+    // textChanged also covers the clear button.
+    connect(speechEndpointField_, &QLineEdit::textChanged, this, [this](const QString& t) {
+        if (t.trimmed() == Preferences::shared().value(Settings::speechEndpoint))
+            return;
+        Preferences::shared().setValue(Settings::speechEndpoint, t.trimmed());
+        speechRecheck_->start();
     });
     return section;
 }
@@ -333,19 +439,9 @@ QWidget* GeneralPane::buildCleanupModel()
     QVBoxLayout* v;
     QWidget* section = makeSection(QStringLiteral("CLEANUP MODEL"), &v);
 
-    auto field = [](const QString& text, const QString& placeholder, const char* name) {
-        auto* edit = new QLineEdit(text);
-        edit->setObjectName(QString::fromLatin1(name));
-        edit->setPlaceholderText(placeholder);
-        edit->setFont(Theme::font(Theme::TextStyle::body));
-        edit->setMinimumWidth(250);
-        edit->setClearButtonEnabled(true);
-        Theme::styleField(edit);
-        return edit;
-    };
-    endpointField_ = field(Preferences::shared().value(Settings::llmEndpoint),
+    endpointField_ = settingField(Preferences::shared().value(Settings::llmEndpoint),
                            QStringLiteral("Automatic (local servers)"), "llmEndpointField");
-    modelField_ = field(Preferences::shared().value(Settings::llmModel),
+    modelField_ = settingField(Preferences::shared().value(Settings::llmModel),
                         QStringLiteral("First model the server lists"), "llmModelField");
 
     auto* server = rowLayout();
@@ -361,17 +457,7 @@ QWidget* GeneralPane::buildCleanupModel()
     v->addLayout(model);
     v->addWidget(Theme::makeDivider());
 
-    auto* status = rowLayout();
-    status->setSpacing(8);
-    modelStatusDot_ = new QLabel;
-    modelStatusDot_->setFixedSize(10, 10);
-    status->addWidget(modelStatusDot_, 0, Qt::AlignTop | Qt::AlignHCenter);
-    modelStatus_ = textLabel(QString(), Theme::TextStyle::caption, Theme::secondaryText());
-    modelStatus_->setObjectName(QStringLiteral("cleanupModelStatus"));
-    modelStatus_->setWordWrap(true);
-    modelStatus_->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    status->addWidget(modelStatus_, 1);
-    v->addLayout(status);
+    modelStatus_ = statusRow(v, &modelStatusDot_, "cleanupModelStatus");
 
     auto changed = [this](const Setting<QString>& setting, const QString& text) {
         Preferences::shared().setValue(setting, text.trimmed());
@@ -460,6 +546,7 @@ void GeneralPane::showEvent(QShowEvent* event)
     updateKeyboardNotice();
     loadLocales();
     checkCleanupModel();
+    checkSpeechServer();
 }
 
 void GeneralPane::fillKeyPicker()
@@ -496,43 +583,38 @@ void GeneralPane::checkCleanupModel()
 {
     recheck_->stop();
     const int generation = ++checkGeneration_;
-    auto paint = [this](const QColor& color) {
-        QPixmap pm(QSize(10, 10) * 2);
-        pm.setDevicePixelRatio(2);
-        pm.fill(Qt::transparent);
-        QPainter p(&pm);
-        p.setRenderHint(QPainter::Antialiasing);
-        p.setPen(Qt::NoPen);
-        p.setBrush(color);
-        p.drawEllipse(QRectF(1, 2, 8, 8));
-        p.end();
-        modelStatusDot_->setPixmap(pm);
-    };
+    paintDot(modelStatusDot_, Theme::tertiaryText());
     if (!services_.cleanupAvailability) {
-        paint(Theme::tertiaryText());
         modelStatus_->setText(QStringLiteral("Availability unknown"));
         return;
     }
-    paint(Theme::tertiaryText());
     modelStatus_->setText(QStringLiteral("Checking…"));
     QCoro::connect(askAvailability(services_.cleanupAvailability), this,
-                   [this, generation, paint](const CleanupEngine::Availability& a) {
-                       if (generation != checkGeneration_)
-                           return;  // the fields changed meanwhile; a newer check is on its way
-                       if (a.available) {
-                           paint(brandGreen());
-                           modelStatus_->setText(QStringLiteral("Available: ") + a.model + QStringLiteral(" at ") +
-                                                 a.endpoint);
-                       } else {
-                           paint(Theme::systemOrange());
-                           QString text = QStringLiteral("Not available");
-                           QString reason = a.reason.trimmed();
-                           while (reason.endsWith(QLatin1Char('.')))
-                               reason.chop(1);
-                           if (!reason.isEmpty())
-                               text += QStringLiteral(": ") + reason;
-                           modelStatus_->setText(text + QStringLiteral(". Cleanup keeps the raw text."));
-                       }
+                   [this, generation](const CleanupEngine::Availability& a) {
+                       if (generation == checkGeneration_)  // else the fields changed; a newer check is on its way
+                           showAvailability(modelStatusDot_, modelStatus_, a, QStringLiteral("Cleanup keeps the raw text."));
+                   });
+}
+
+void GeneralPane::checkSpeechServer()
+{
+    speechRecheck_->stop();
+    const int generation = ++speechGeneration_;
+    const bool server = Preferences::shared().speechEngine() == SpeechEngineKind::server;
+    speechServerRows_->setVisible(server);
+    if (!server)
+        return;
+    paintDot(speechStatusDot_, Theme::tertiaryText());
+    if (!services_.speechAvailability) {
+        speechStatus_->setText(QStringLiteral("Availability unknown"));
+        return;
+    }
+    speechStatus_->setText(QStringLiteral("Checking…"));
+    QCoro::connect(askAvailability(services_.speechAvailability), this,
+                   [this, generation](const ServerSpeechEngine::Availability& a) {
+                       if (generation == speechGeneration_)
+                           showAvailability(speechStatusDot_, speechStatus_, a,
+                                            QStringLiteral("Dictation uses this computer's recognizer."));
                    });
 }
 

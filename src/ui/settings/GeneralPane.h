@@ -43,6 +43,7 @@ private:
     void fillLocalePicker();
     void loadLocales();
     void checkCleanupModel();
+    void checkSpeechServer();
     void updateCleanupRow();
     void updateHowTo();
     void fillKeyPicker();
@@ -72,6 +73,13 @@ private:
     QLabel* modelStatus_ = nullptr;
     QLabel* modelStatusDot_ = nullptr;
     QTimer* recheck_ = nullptr;
+    QComboBox* speechEnginePicker_ = nullptr;
+    QWidget* speechServerRows_ = nullptr;
+    QLineEdit* speechEndpointField_ = nullptr;
+    QLabel* speechStatus_ = nullptr;
+    QLabel* speechStatusDot_ = nullptr;
+    QTimer* speechRecheck_ = nullptr;
+    int speechGeneration_ = 0;
     ToggleSwitch* loginSwitch_ = nullptr;
     int checkGeneration_ = 0;
 };

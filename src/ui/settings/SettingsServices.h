@@ -2,6 +2,7 @@
 
 #include "core/ActivationKey.h"
 #include "storage/TranscriptStore.h"
+#include "speech/ServerSpeechEngine.h"
 #include "text/CleanupEngine.h"
 
 #include <QList>
@@ -20,6 +21,8 @@ struct SettingsServices {
     // Whether the cleanup model answers with the current endpoint and model settings. Asked when
     // the General pane is shown and after those fields change. Empty: the line says it is unknown.
     std::function<QCoro::Task<CleanupEngine::Availability>()> cleanupAvailability;
+    // The same for the speech server, with its settings; asked while "Local server" is chosen.
+    std::function<QCoro::Task<ServerSpeechEngine::Availability>()> speechAvailability;
     // The history, oldest first, and the operation that deletes it. Empty: TranscriptStore::shared().
     std::function<QList<TranscriptEntry>()> historyEntries;
     std::function<void()> clearHistory;

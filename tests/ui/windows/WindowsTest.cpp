@@ -2,6 +2,7 @@
 // windows and the update check, driven on a real X server as a user drives them.
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
+#include "support/FakeSpeechServer.h"
 #include "support/RecordingClient.h"
 #include "text/SnippetStore.h"
 #include "ui/UiTest.h"
@@ -334,6 +335,32 @@ private Q_SLOTS:
         click(atLogin);
         QVERIFY(!Preferences::shared().startAtLogin());
     }
+    void languageSectionChoosesTheSpeechServerAndSaysWhetherItAnswers()
+    {
+        FakeSpeechServer server;
+        QVERIFY(server.listen());
+        SettingsServices services;
+        services.speechAvailability = [] {
+            return ServerSpeechEngine::checkAvailability(ServerSpeechEngine::Config::fromPreferences(QStringLiteral("en-US")));
+        };
+        GeneralPane pane({}, services);
+        pane.show();
+        // On this computer by default: no server rows.
+        auto* field = child<QLineEdit>(&pane, "speechEndpointField");
+        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::pocketsphinx && !field->isVisible());
+        child(&pane, "speechEnginePicker")->setFocus();
+        QTest::keyClick(child(&pane, "speechEnginePicker"), Qt::Key_Down);
+        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::server && field->isVisible());
+        auto* status = child<QLabel>(&pane, "speechServerStatus");
+        QVERIFY(waitUntil([&] { return status->text().startsWith(QLatin1String("Not available: No server address is set")); }));
+        QVERIFY2(status->text().endsWith(QStringLiteral("Dictation uses this computer's recognizer.")), qPrintable(status->text()));
+        typeInto(field, server.whisperEndpoint());
+        QCOMPARE(Preferences::shared().value(Settings::speechEndpoint), server.whisperEndpoint());
+        QVERIFY(waitUntil([&] { return status->text() == "Available: whisper.cpp's model at " + server.whisperEndpoint(); }));
+        typeInto(field, QStringLiteral("http://192.0.2.7/v1"));
+        QVERIFY(waitUntil([&] { return status->text().contains(QLatin1String("is not on this computer, and sending audio")); }));
+    }
+
     void settingsWindowKeepsItsTabHidesWhenLeftAndStaysAcrossTheTaskbarSwitch()
     {
         SettingsWindowController controller;

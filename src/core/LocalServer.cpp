@@ -1,0 +1,75 @@
+#include "core/LocalServer.h"
+
+#include <QHostAddress>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+
+namespace LocalServer {
+
+QString normalizedEndpoint(const QString& endpoint)
+{
+    QString s = endpoint.trimmed();
+    while (s.endsWith(QLatin1Char('/')))
+        s.chop(1);
+    return s;
+}
+
+bool isLoopback(const QUrl& url)
+{
+    const QString host = url.host();
+    if (host.compare(QLatin1String("localhost"), Qt::CaseInsensitive) == 0)
+        return true;
+    const QHostAddress address(host);
+    return !address.isNull() && address.isLoopback();
+}
+
+QString refusal(const QString& endpoint, bool allowRemote, const QString& example, const QString& what)
+{
+    const QUrl url(endpoint, QUrl::StrictMode);
+    const QString scheme = url.scheme();
+    if (!url.isValid() || url.host().isEmpty() || (scheme != QLatin1String("http") && scheme != QLatin1String("https")))
+        return QStringLiteral("“%1” is not a server address such as %2").arg(endpoint, example);
+    if (!isLoopback(url) && !allowRemote)
+        return QStringLiteral("%1 is not on this computer, and sending %2 to other computers is not allowed").arg(endpoint, what);
+    return {};
+}
+
+std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint)
+{
+    auto network = std::make_unique<QNetworkAccessManager>();
+    network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);
+    if (isLoopback(endpoint))
+        network->setProxy(QNetworkProxy::NoProxy);
+    return network;
+}
+
+QString errorMessage(const QByteArray& body)
+{
+    QJsonParseError error{};
+    const QJsonDocument doc = QJsonDocument::fromJson(body, &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject())
+        return {};
+    const QJsonValue value = doc.object().value(QLatin1String("error"));
+    if (value.isString())
+        return value.toString();
+    return value.toObject().value(QLatin1String("message")).toString();
+}
+
+QString failure(QNetworkReply* reply, const QByteArray& body)
+{
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status >= 300) {
+        const QString message = errorMessage(body);
+        return QStringLiteral("the server answered HTTP %1").arg(status)
+               + (message.isEmpty() ? QString() : QStringLiteral(": ") + message);
+    }
+    if (reply->error() != QNetworkReply::NoError)
+        return reply->errorString();
+    return {};
+}
+
+}  // namespace LocalServer
