@@ -10,9 +10,6 @@
 #include "support/TestSupport.h"
 
 #include <QApplication>
-#include <QBuffer>
-#include <QImage>
-#include <QRandomGenerator>
 
 #include <algorithm>
 #include <chrono>
@@ -24,19 +21,6 @@ namespace {
 qint64 monotonicUs()
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-QByteArray noisePng(int side)
-{
-    QImage image(side, side, QImage::Format_ARGB32);
-    QRandomGenerator rng(7);
-    for (int y = 0; y < side; ++y)
-        rng.fillRange(reinterpret_cast<quint32*>(image.scanLine(y)), side);
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG", 0);
-    return png;
 }
 
 struct Run {
@@ -97,7 +81,7 @@ int main(int argc, char** argv)
         return 1;
     }
     TextInjector injector;
-    const QMap<QString, QByteArray> before{{QStringLiteral("image/png"), noisePng(230)},
+    const QMap<QString, QByteArray> before{{QStringLiteral("image/png"), ClipboardClient::noisePng(230)},
                                            {QStringLiteral("text/html"), "<p>Copied <b>rich</b> text</p>"}};
     const QString text = QStringLiteral("A dictation long enough to be pasted rather than typed, as the finishing pipeline does "
                                         "for anything over one hundred and fifty characters: this one has about two hundred.");

@@ -8,29 +8,12 @@
 #include "support/TestSupport.h"
 
 #include <QApplication>
-#include <QBuffer>
-#include <QImage>
-#include <QRandomGenerator>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 using Formats = QMap<QString, QByteArray>;
-
-// A PNG of noise, so it does not compress: about 4 bytes per pixel.
-QByteArray noisePng(int side)
-{
-    QImage image(side, side, QImage::Format_ARGB32);
-    QRandomGenerator rng(side);
-    for (int y = 0; y < side; ++y)
-        rng.fillRange(reinterpret_cast<quint32*>(image.scanLine(y)), side);
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG", 0);
-    return png;
-}
 
 const QString dictation = u"Pasted dictation: ünïcödé 😀 中文\nsecond line"_s;
 const QString restored = u"the clipboard is "_s;
@@ -57,10 +40,10 @@ private Q_SLOTS:
         QTest::addColumn<Formats>("before");
         QTest::addColumn<QStringList>("gone");
         const QByteArray html = "<p>Copied <b>rich</b> text, ü</p>";
-        QTest::newRow("png and html") << Formats{{u"image/png"_s, noisePng(64)}, {u"text/html"_s, html}} << QStringList();
-        QTest::newRow("png in pieces") << Formats{{u"image/png"_s, noisePng(700)}, {u"text/html"_s, html}} << QStringList();
+        QTest::newRow("png and html") << Formats{{u"image/png"_s, ClipboardClient::noisePng(64)}, {u"text/html"_s, html}} << QStringList();
+        QTest::newRow("png in pieces") << Formats{{u"image/png"_s, ClipboardClient::noisePng(700)}, {u"text/html"_s, html}} << QStringList();
         QTest::newRow("over the cap: text only")
-            << Formats{{u"text/plain"_s, "kept text"_ba}, {u"image/png"_s, noisePng(2100)}, {u"text/html"_s, html}}
+            << Formats{{u"text/plain"_s, "kept text"_ba}, {u"image/png"_s, ClipboardClient::noisePng(2100)}, {u"text/html"_s, html}}
             << QStringList{u"image/png"_s, u"text/html"_s};
         QTest::newRow("empty") << Formats() << QStringList();
     }

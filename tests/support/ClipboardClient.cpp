@@ -2,7 +2,10 @@
 
 #include "support/TestSupport.h"
 
+#include <QBuffer>
 #include <QFile>
+#include <QImage>
+#include <QRandomGenerator>
 
 ClipboardClient::ClipboardClient()
 {
@@ -74,4 +77,17 @@ QList<qint64> ClipboardClient::changes()
             if (!t.isEmpty())
                 out << t.toLongLong();
     return out;
+}
+
+QByteArray ClipboardClient::noisePng(int side)
+{
+    QImage image(side, side, QImage::Format_ARGB32);
+    QRandomGenerator rng(side);
+    for (int y = 0; y < side; ++y)
+        rng.fillRange(reinterpret_cast<quint32*>(image.scanLine(y)), side);
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG", 0);
+    return png;
 }

@@ -27,6 +27,9 @@ public:
     // When the clipboard's owner changed, as this client saw it (steady_clock, microseconds).
     QList<qint64> changes();
 
+    // A PNG of noise, which does not compress: about 4 bytes per pixel, side × side pixels.
+    static QByteArray noisePng(int side);
+
 private:
     std::optional<QByteArray> command(const QByteArray& line, const QByteArray& reply);
 
