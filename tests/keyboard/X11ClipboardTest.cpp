@@ -1,6 +1,5 @@
 // Pasting through the clipboard against a private X server: another application owns the clipboard
 // before the paste, the recording client pastes, and afterwards the clipboard holds what it held.
-#include "keyboard/ClipboardContent.h"
 #include "keyboard/ClipboardRestore.h"
 #include "keyboard/x11/TextInjector.h"
 #include "support/ClipboardClient.h"

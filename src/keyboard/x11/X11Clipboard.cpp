@@ -14,7 +14,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -31,7 +31,11 @@ constexpr milliseconds transferIdleLimit{10000};
 
 void onConnectionBroken(Display*, void* flag) { *static_cast<bool*>(flag) = true; }
 
-QString megabytes(qint64 bytes) { return QString::number(double(bytes) / (1024 * 1024), 'f', 1) + QStringLiteral(" MB"); }
+QString sizeText(qint64 bytes)
+{
+    return bytes < 1024 * 1024 ? QString::number((bytes + 1023) / 1024) + QStringLiteral(" kB")
+                               : QString::number(double(bytes) / (1024 * 1024), 'f', 1) + QStringLiteral(" MB");
+}
 QString seconds(Clock::duration d) { return QString::number(std::chrono::duration<double>(d).count(), 'f', 2) + QStringLiteral(" s"); }
 
 int unitBytes(int unitBits) { return unitBits == 32 ? 4 : unitBits == 16 ? 2 : 1; }
@@ -108,6 +112,7 @@ public:
             return false;
         restore_.dictationSet(std::move(previous));
         schedule();
+        processPending();  // what the round trips above queued would wait for the next event otherwise
         return true;
     }
 
@@ -115,12 +120,6 @@ public:
     {
         keystrokeAt_ = Clock::now();
         restore_.keystrokeSent(keystrokeAt_);
-        schedule();
-    }
-
-    void abandon()
-    {
-        restore_.abandon();
         schedule();
     }
 
@@ -252,7 +251,7 @@ private:
         ownedSince_ = t;
         served_.clear();
         for (const ClipboardItem& item : content.items())
-            served_.emplace(atom(item.mimeType), item);
+            served_.emplace_back(atom(item.mimeType), item);
         return true;
     }
 
@@ -308,7 +307,7 @@ private:
                                  .arg(seconds(snapshotTimeout), QString::fromUtf8(missed.join(", "))));
         if (content.textOnly())
             Diagnostics::log(QStringLiteral("clipboard: the clipboard's formats take more than %1 together; only its text is kept after the paste")
-                                 .arg(megabytes(ClipboardContent::sizeCap)));
+                                 .arg(sizeText(ClipboardContent::sizeCap)));
         return content;
     }
 
@@ -430,7 +429,7 @@ private:
             XChangeProperty(dpy_, requestor, property, XA_INTEGER, 32, PropModeReplace, reinterpret_cast<const unsigned char*>(&t), 1);
             return true;
         }
-        const auto it = served_.find(target);
+        const auto it = std::find_if(served_.begin(), served_.end(), [&](const auto& entry) { return entry.first == target; });
         if (it == served_.end())
             return false;
         const ClipboardItem& item = it->second;
@@ -503,6 +502,7 @@ private:
         if (XGetSelectionOwner(dpy_, clipboard_) != win_) {
             owning_ = false;
             Diagnostics::log(QStringLiteral("clipboard: another program took the clipboard after the paste; what it holds now stays"));
+            processPending();
             return;
         }
         if (previous.isEmpty()) {
@@ -515,13 +515,13 @@ private:
         }
         XSync(dpy_, False);
         const QString what = previous.isEmpty() ? QStringLiteral("empty again")
-                                                : QStringLiteral("back (%1 formats, %2)").arg(previous.items().size()).arg(megabytes(previous.size()));
+                                                : QStringLiteral("back (%1 formats, %2)").arg(previous.items().size()).arg(sizeText(previous.size()));
         if (due == ClipboardRestore::Due::noRequest)
             Diagnostics::log(QStringLiteral("clipboard: no application asked for the pasted text within %1; the clipboard is %2")
                                  .arg(seconds(ClipboardRestore::noRequestLimit), what));
         else
             Diagnostics::log(QStringLiteral("clipboard: the clipboard is %1, %2 after the paste").arg(what, seconds(now - keystrokeAt_)));
-        XFlush(dpy_);
+        processPending();
     }
 
     Display* dpy_ = nullptr;
@@ -533,7 +533,8 @@ private:
     QTimer* timer_ = nullptr;
     bool owning_ = false;
     Time ownedSince_ = CurrentTime;
-    std::map<Atom, ClipboardItem> served_;
+    // In the order the formats were offered: some programs take the first they can use.
+    std::vector<std::pair<Atom, ClipboardItem>> served_;
     std::vector<Transfer> transfers_;
     ClipboardRestore restore_;
     Clock::time_point keystrokeAt_;
@@ -565,9 +566,4 @@ bool X11Clipboard::setForPaste(const QString& text, std::optional<ClipboardConte
 void X11Clipboard::keystrokeSending()
 {
     QMetaObject::invokeMethod(worker_, [this] { worker_->keystrokeSending(); }, Qt::BlockingQueuedConnection);
-}
-
-void X11Clipboard::abandon()
-{
-    QMetaObject::invokeMethod(worker_, [this] { worker_->abandon(); }, Qt::BlockingQueuedConnection);
 }

@@ -26,8 +26,6 @@ public:
     bool setForPaste(const QString& text, std::optional<ClipboardContent> ownContent);
     // The paste keystroke is about to go out: from now on a request for the text is the paste's.
     void keystrokeSending();
-    // The keystroke could not be sent: the dictation stays on the clipboard.
-    void abandon();
 
 private:
     class Worker;
