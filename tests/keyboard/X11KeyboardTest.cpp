@@ -76,8 +76,9 @@ private Q_SLOTS:
         QCOMPARE(fingers_.mapping(), before);
     }
 
-    // The text arrives through the clipboard, which then gets its previous content back; terminals
-    // are sent Ctrl+Shift+V (the recording client counts it and pastes nothing itself).
+    // The text arrives through the clipboard, which then gets its previous content back, here one this
+    // process's own Qt held (as after a copy from Tolvane's history); terminals are sent Ctrl+Shift+V
+    // (the recording client counts it and pastes nothing itself).
     void pasteArrivesAndRestoresTheClipboard_data()
     {
         QTest::addColumn<QString>("before");  // null: empty clipboard

@@ -82,6 +82,8 @@ bool RecordingClient::command(const QByteArray& line, const QByteArray& reply, i
 
 bool RecordingClient::clear() { return command("clear", "cleared"); }
 
+bool RecordingClient::setPasteDelay(int ms) { return command("pasteDelay " + QByteArray::number(ms), "delayed"); }
+
 std::optional<RecordingClient::Received> RecordingClient::dump()
 {
     const QString path = dir_.filePath(QStringLiteral("dump.json"));

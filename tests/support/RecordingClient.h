@@ -30,6 +30,8 @@ public:
     bool start();   // launches the client, waits for its window and gives it the focus
     bool focus();
     bool clear();
+    // Ctrl+V reads the clipboard this long after the key (0: at once), as a busy application does.
+    bool setPasteDelay(int ms);
     std::optional<Received> dump();
     // Dumps until `done` holds or the time is up; returns the last dump.
     Received waitFor(const std::function<bool(const Received&)>& done, int timeoutMs = 10000);

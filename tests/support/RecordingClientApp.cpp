@@ -5,9 +5,13 @@
 //               monotonic clock (CLOCK_MONOTONIC, microseconds) when the text last changed, so a
 //               benchmark can time an arrival without depending on how often it asks
 //   clear       empty the field and the counters, answer "cleared"
+//   pasteDelay MS  from now on Ctrl+V reads the clipboard MS milliseconds after the key, as a busy
+//               application does; answer "delayed"
 //   quit
 // It announces "ready WINDOW-ID" once its window is on screen. A lone-Alt tap is an Alt press and
 // release with no other key event in between, as this client receives them: what would open a menu.
+
+#include "support/ClientCommands.h"
 
 #include <QAbstractNativeEventFilter>
 #include <QApplication>
@@ -16,15 +20,10 @@
 #include <QJsonObject>
 #include <QKeyEvent>
 #include <QPlainTextEdit>
-#include <QSocketNotifier>
 #include <QTextStream>
 #include <QTimer>
 
 #include <xcb/xcb.h>
-
-#include <chrono>
-#include <cstdio>
-#include <unistd.h>
 
 namespace {
 
@@ -35,12 +34,6 @@ struct Counters {
     int terminalPastes = 0;  // Ctrl+Shift+V
     qint64 lastChangeUs = 0;
 };
-
-// steady_clock is CLOCK_MONOTONIC here, the same clock in every process on the machine.
-qint64 monotonicMicroseconds()
-{
-    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 constexpr unsigned altLeftKeycode = 64;
 constexpr unsigned altRightKeycode = 108;
@@ -80,6 +73,7 @@ private:
 class Field final : public QPlainTextEdit {
 public:
     explicit Field(Counters& c) : c_(c) {}
+    int pasteDelayMs = 0;
 
 protected:
     void keyPressEvent(QKeyEvent* e) override
@@ -90,19 +84,16 @@ protected:
             ++c_.spaces;
         if (e->key() == Qt::Key_V && e->modifiers() == (Qt::ControlModifier | Qt::ShiftModifier))
             ++c_.terminalPastes;
+        if (pasteDelayMs > 0 && e->matches(QKeySequence::Paste)) {
+            QTimer::singleShot(pasteDelayMs, this, &QPlainTextEdit::paste);
+            return;
+        }
         QPlainTextEdit::keyPressEvent(e);
     }
 
 private:
     Counters& c_;
 };
-
-void answer(const char* line)
-{
-    std::fputs(line, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
 
 }  // namespace
 
@@ -119,44 +110,34 @@ int main(int argc, char** argv)
     field.show();
     field.activateWindow();
     field.setFocus();
-    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&counters] { counters.lastChangeUs = monotonicMicroseconds(); });
+    QObject::connect(&field, &QPlainTextEdit::textChanged, &field, [&counters] { counters.lastChangeUs = ClientCommands::monotonicMicroseconds(); });
     QTimer::singleShot(0, &field, [&field] {
-        answer(QStringLiteral("ready %1").arg(field.winId()).toUtf8().constData());
+        ClientCommands::answer(QStringLiteral("ready %1").arg(field.winId()).toUtf8());
     });
 
-    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QByteArray pending;
-    QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
-        char buf[4096];
-        const ssize_t n = ::read(STDIN_FILENO, buf, sizeof buf);
-        if (n <= 0) {
+    ClientCommands::onEachLine(app, [&](const QByteArray& bytes) {
+        const QString line = QString::fromUtf8(bytes);
+        if (line.startsWith(QLatin1String("dump "))) {
+            const QJsonObject o{{QStringLiteral("text"), field.toPlainText()},
+                                {QStringLiteral("backspaces"), counters.backspaces},
+                                {QStringLiteral("spaces"), counters.spaces},
+                                {QStringLiteral("loneAltTaps"), counters.loneAltTaps},
+                                {QStringLiteral("terminalPastes"), counters.terminalPastes},
+                                {QStringLiteral("lastChangeUs"), counters.lastChangeUs}};
+            QFile f(line.mid(5));
+            if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+                f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));
+            f.close();
+            ClientCommands::answer("dumped");
+        } else if (line == QLatin1String("clear")) {
+            field.clear();
+            counters = Counters();
+            ClientCommands::answer("cleared");
+        } else if (line.startsWith(QLatin1String("pasteDelay "))) {
+            field.pasteDelayMs = line.mid(11).toInt();
+            ClientCommands::answer("delayed");
+        } else if (line == QLatin1String("quit")) {
             app.quit();
-            return;
-        }
-        pending.append(buf, n);
-        qsizetype nl;
-        while ((nl = pending.indexOf('\n')) >= 0) {
-            const QString line = QString::fromUtf8(pending.left(nl)).trimmed();
-            pending.remove(0, nl + 1);
-            if (line.startsWith(QLatin1String("dump "))) {
-                const QJsonObject o{{QStringLiteral("text"), field.toPlainText()},
-                                    {QStringLiteral("backspaces"), counters.backspaces},
-                                    {QStringLiteral("spaces"), counters.spaces},
-                                    {QStringLiteral("loneAltTaps"), counters.loneAltTaps},
-                                    {QStringLiteral("terminalPastes"), counters.terminalPastes},
-                                    {QStringLiteral("lastChangeUs"), counters.lastChangeUs}};
-                QFile f(line.mid(5));
-                if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
-                    f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));
-                f.close();
-                answer("dumped");
-            } else if (line == QLatin1String("clear")) {
-                field.clear();
-                counters = Counters();
-                answer("cleared");
-            } else if (line == QLatin1String("quit")) {
-                app.quit();
-            }
         }
     });
     return app.exec();

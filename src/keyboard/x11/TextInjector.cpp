@@ -4,6 +4,7 @@
 #include "keyboard/TerminalClasses.h"
 #include "keyboard/TextKeysyms.h"
 #include "keyboard/x11/HotkeyManager.h"
+#include "keyboard/x11/X11Clipboard.h"
 #include "storage/Preferences.h"
 
 #include <QClipboard>
@@ -326,15 +327,7 @@ bool TextInjector::focusedWindowIsTerminal()
 
 bool TextInjector::pasteViaClipboard(const QString& text)
 {
-    if (!qobject_cast<QGuiApplication*>(QCoreApplication::instance()))
-        return false;
-    QClipboard* clipboard = QGuiApplication::clipboard();
-    std::optional<QString> kept;
-    if (const QMimeData* data = clipboard->mimeData(); data && data->hasText())
-        kept = data->text();
-    clipboard->clear();
-    clipboard->setText(text);
-    if (clipboard->text() != text || !ensureConnection())
+    if (!ensureConnection())
         return false;
     Display* dpy = x_->dpy;
     const KeyCode ctrl = XKeysymToKeycode(dpy, XK_Control_L);
@@ -343,7 +336,19 @@ bool TextInjector::pasteViaClipboard(const QString& text)
     const bool terminal = focusedWindowIsTerminal();
     if (ctrl == 0 || v == 0 || (terminal && shift == 0))
         return false;
+    // What this process's own windows copied lives in Qt, which answers on this thread: read it here.
+    std::optional<ClipboardContent> own;
+    if (auto* gui = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
+        const QClipboard* clipboard = gui->clipboard();
+        if (clipboard->ownsClipboard() && clipboard->mimeData())
+            own = ClipboardContent::fromMimeData(*clipboard->mimeData());
+    }
+    if (!clipboard_)
+        clipboard_ = std::make_unique<X11Clipboard>();
+    if (!clipboard_->setForPaste(text, std::move(own)))
+        return false;
     releaseHeldModifiers();
+    clipboard_->keystrokeSending();
     key(ctrl, true);
     if (terminal)
         key(shift, true);
@@ -353,12 +358,5 @@ bool TextInjector::pasteViaClipboard(const QString& text)
         key(shift, false);
     key(ctrl, false);
     XFlush(dpy);
-    // The previous text comes back (or the clipboard is emptied) whatever happens to this object.
-    QTimer::singleShot(pasteRestoreDelay, QCoreApplication::instance(), [kept] {
-        QClipboard* cb = QGuiApplication::clipboard();
-        cb->clear();
-        if (kept)
-            cb->setText(*kept);
-    });
     return true;
 }

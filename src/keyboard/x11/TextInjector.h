@@ -11,6 +11,7 @@
 
 class HotkeyManager;
 class QTimer;
+class X11Clipboard;
 
 // Types, erases and pastes into the focused X11 window through XTest, on a connection of its own.
 // Characters the current layout has are typed on their own keys; the rest go on spare keycodes,
@@ -20,8 +21,6 @@ class QTimer;
 class TextInjector final : public QObject, public AbstractTextInjector {
     Q_OBJECT
 public:
-    // The clipboard holds the pasted text this long before its previous content comes back.
-    static constexpr std::chrono::milliseconds pasteRestoreDelay{300};
     // Spare keycodes are cleared this long after the last typing.
     static constexpr std::chrono::milliseconds mappingRestoreDelay{500};
     // Before a spare keycode gets a new keysym, clients must have read the mapping under which it
@@ -56,6 +55,7 @@ private:
     bool focusedWindowIsTerminal();
 
     std::unique_ptr<Connection> x_;
+    std::unique_ptr<X11Clipboard> clipboard_;  // made on the first paste: it runs a thread
     SpareKeyPool pool_;
     QPointer<HotkeyManager> monitor_;
     QTimer* restoreTimer_ = nullptr;
