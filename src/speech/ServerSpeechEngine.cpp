@@ -293,7 +293,10 @@ void Transport::send(int index, const QByteArray& wav)
         return;
     auto* multipart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     QHttpPart file;
-    file.setHeader(QNetworkRequest::ContentDispositionHeader, QByteArrayLiteral("form-data; name=\"file\"; filename=\"speech.wav\""));
+    // Numbered, so a log on the server side can tell the segments of a dictation apart: they go out
+    // side by side and may arrive in any order.
+    file.setHeader(QNetworkRequest::ContentDispositionHeader,
+                   QStringLiteral("form-data; name=\"file\"; filename=\"segment-%1.wav\"").arg(index + 1).toUtf8());
     file.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("audio/wav"));
     file.setBody(wav);
     multipart->append(file);

@@ -86,6 +86,8 @@ FakeSpeechServer::Upload parseUpload(const LoopbackHttpServer::Request& request)
         const QByteArray name = quoted(disposition, "name");
         if (name == "file") {
             upload.fileName = quoted(disposition, "filename");
+            if (upload.fileName.startsWith("segment-") && upload.fileName.endsWith(".wav"))
+                upload.segment = upload.fileName.mid(8).chopped(4).toInt();
             upload.fileType = partType;
             readSound(body, upload);
         } else {
@@ -100,6 +102,14 @@ FakeSpeechServer::Upload parseUpload(const LoopbackHttpServer::Request& request)
 FakeSpeechServer::FakeSpeechServer(QObject* parent) : LoopbackHttpServer(parent)
 {
     transcribe = [](const Upload&, int index) { return transcript(QStringLiteral("segment %1").arg(index + 1)); };
+}
+
+qsizetype FakeSpeechServer::arrivalOf(int index) const
+{
+    for (qsizetype i = 0; i < uploads.size(); ++i)
+        if (uploads[i].segment == index + 1)
+            return i;
+    return -1;
 }
 
 QString FakeSpeechServer::whisperEndpoint() const { return url(QStringLiteral("/inference")); }
@@ -129,7 +139,7 @@ std::optional<FakeSpeechServer::Response> FakeSpeechServer::route(const Request&
     }
     if (request.method == "POST" && (request.path == "/inference" || request.path == "/v1/audio/transcriptions")) {
         uploads << parseUpload(request);
-        return transcribe(uploads.last(), static_cast<int>(uploads.size()) - 1);
+        return transcribe(uploads.last(), uploads.last().segment - 1);
     }
     return error(404, QStringLiteral("no such route"));
 }

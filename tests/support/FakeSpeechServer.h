@@ -16,6 +16,7 @@ public:
         QByteArray path;
         QMap<QByteArray, QByteArray> fields;  // the text fields, by name
         QByteArray fileName, fileType;        // of the part named "file"
+        int segment = 0;                      // the N of the file name segment-N.wav, from 1
         // The file as libsndfile reads it (zero rate when it is not a sound file).
         int sampleRate = 0, channels = 0, format = 0;
         std::vector<float> samples;
@@ -30,8 +31,12 @@ public:
     static void configure(const QString& endpoint, const QString& model = QString());
 
     bool answerProbe = true;  // false: take the probe's connection and never answer
-    // The answer to each upload, given how many came before it; the default says "segment N".
+    // The answer to each upload, given its segment's index (from 0; uploads go out side by side, so
+    // they may arrive in any order); the default says "segment N".
     std::function<Response(const Upload& upload, int index)> transcribe;
+    // Where the upload of a segment (index from 0) is in `uploads`, which is also the order in which
+    // held answers are released; -1 before it came.
+    qsizetype arrivalOf(int index) const;
     QList<Upload> uploads;
 
     // {"text": …}, as both servers answer.
