@@ -210,7 +210,8 @@ private Q_SLOTS:
         // Every upload: the fields, and a 16 kHz mono 16-bit WAV holding exactly the audio of its segment.
         QCOMPARE(server_->uploads.size(), 2);
         long at = 0;
-        for (const FakeSpeechServer::Upload& upload : std::as_const(server_->uploads)) {
+        for (int segment = 0; segment < 2; ++segment) {
+            const FakeSpeechServer::Upload& upload = server_->uploads.at(server_->arrivalOf(segment));
             QCOMPARE(upload.path, path);
             QCOMPARE(upload.fields, fields);
             QCOMPARE(upload.fileName, QByteArray("segment-") + QByteArray::number(upload.segment) + ".wav");
