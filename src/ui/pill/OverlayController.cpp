@@ -2,6 +2,7 @@
 
 #include "storage/Preferences.h"
 #include "ui/pill/OverlayPlacement.h"
+#include "ui/pill/PillShadow.h"
 #include "ui/pill/WaveformPanelView.h"
 #include "ui/x11/X11Desktop.h"
 
@@ -16,6 +17,7 @@ OverlayController::OverlayController(QObject* parent) : QObject(parent) {}
 
 OverlayController::~OverlayController()
 {
+    shadow_.reset();
     delete panel_.data();
 }
 
@@ -50,6 +52,7 @@ void OverlayController::build()
     };
 
     panel_ = panel;
+    shadow_ = std::make_unique<PillShadow>();
     positionInitial();
     panel->installEventFilter(this);
     X11Desktop::showOnAllDesktops(panel);
@@ -84,6 +87,10 @@ bool OverlayController::eventFilter(QObject* watched, QEvent* event)
 {
     if (watched == panel_ && event->type() == QEvent::Move)
         rememberPosition();
+    if (watched == panel_ && shadow_ &&
+        (event->type() == QEvent::Move || event->type() == QEvent::Resize || event->type() == QEvent::Hide)) {
+        shadow_->follow(*panel_);
+    }
     return QObject::eventFilter(watched, event);
 }
 
@@ -125,6 +132,8 @@ void OverlayController::bringToFront()
     panel_->setWindowOpacity(1.0);
     const bool first = !panel_->isVisible();
     panel_->show();
+    if (shadow_)
+        shadow_->follow(*panel_);
     panel_->raise();
     // Qt writes its own window states when it maps the window; ours go on top of them.
     if (first)

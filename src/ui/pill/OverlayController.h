@@ -4,8 +4,11 @@
 
 #include <QObject>
 #include <QPointer>
+
+#include <memory>
 #include <QWidget>
 
+class PillShadow;
 class WaveformPanelView;
 
 // The pill: a small frameless window above all others, on every desktop, that never takes focus and
@@ -31,6 +34,7 @@ public:
     // Made on first use, then kept for the life of the controller.
     QWidget* panel() const { return panel_; }
     WaveformPanelView* waveView() const { return waveView_; }
+    PillShadow* shadow() const { return shadow_.get(); }
     bool wantButtons() const { return wantButtons_; }
     bool isListening() const { return isListening_; }
 
@@ -47,6 +51,7 @@ private:
     void rememberPosition();
 
     QPointer<QWidget> panel_;
+    std::unique_ptr<PillShadow> shadow_;
     WaveformPanelView* waveView_ = nullptr;
     bool wantButtons_ = false;
     bool isListening_ = false;

@@ -5,11 +5,13 @@
 #include "ui/UiTest.h"
 #include "ui/pill/OverlayController.h"
 #include "ui/pill/OverlayPlacement.h"
+#include "ui/pill/PillShadow.h"
 #include "ui/pill/WaveformPanelView.h"
 #include "ui/x11/X11Desktop.h"
 
 #include <QAbstractButton>
 #include <QGuiApplication>
+#include <QScopeGuard>
 
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
@@ -176,7 +178,43 @@ private Q_SLOTS:
                 QCOMPARE(shape.intersected(QRect(0, h - 1 - y, w, 1)).boundingRect(), run.translated(0, h - 1 - 2 * y));
             }
             QVERIFY(!shape.contains(QPoint(0, 0)) && shape.contains(QPoint(0, h / 2)));
+            QVERIFY(!overlay.shadow()->isVisible());  // a clean edge, no shadow
         }
+    }
+
+    void aCompositorGetsTheShadowBehindThePill()
+    {
+        // A compositing manager is whoever owns _NET_WM_CM_S<screen>: here, a window of the test's.
+        Display* dpy = qGuiApp->nativeInterface<QNativeInterface::QX11Application>()->display();
+        const Atom cm = XInternAtom(dpy, ("_NET_WM_CM_S" + QByteArray::number(DefaultScreen(dpy))).constData(), False);
+        const Window owner = XCreateSimpleWindow(dpy, DefaultRootWindow(dpy), 0, 0, 1, 1, 0, 0, 0);
+        XSetSelectionOwner(dpy, cm, owner, CurrentTime);
+        XSync(dpy, False);
+        const auto release = qScopeGuard([&] {
+            XSetSelectionOwner(dpy, cm, None, CurrentTime);
+            XDestroyWindow(dpy, owner);
+            XSync(dpy, False);
+        });
+        OverlayController overlay;
+        overlay.installPersistent();
+        const QWidget* shadow = overlay.shadow();
+        const auto around = [&] {
+            const QRect pill = frame(overlay), s = shadow->geometry();
+            return shadow->isVisible() && s.contains(pill) && s.center().x() == pill.center().x() && s.top() < pill.top() &&
+                   s.bottom() > pill.bottom();
+        };
+        QVERIFY(waitUntil(around));
+        QVERIFY(overlay.panel()->mask().isEmpty());  // translucent rather than cut
+        QVERIFY(shadow->windowFlags().testFlag(Qt::WindowTransparentForInput) &&
+                shadow->windowFlags().testFlag(Qt::WindowDoesNotAcceptFocus));
+        // It follows the pill as it widens and as it is dragged.
+        overlay.show();
+        overlay.setMode(true);
+        QVERIFY(waitUntil(around));
+        overlay.panel()->move(frame(overlay).topLeft() + QPoint(40, 30));
+        QVERIFY(waitUntil(around));
+        for (const char* key : {OverlayController::centerXKey, OverlayController::topYKey})
+            Preferences::shared().remove(QLatin1String(key));  // the next first launch starts afresh
     }
 
     void firstLaunchThenWidthAndButtonsFollowTheDictation()
