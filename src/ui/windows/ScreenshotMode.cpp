@@ -20,6 +20,7 @@
 #include <QVBoxLayout>
 
 #include <cstdio>
+#include <memory>
 
 namespace ScreenshotMode {
 
@@ -127,7 +128,9 @@ constexpr Sample sampleTranscripts[] = {
 
 QPalette lightPalette()
 {
-    QPalette pal = QStyleFactory::create(QStringLiteral("Fusion"))->standardPalette();
+    // Only the style's palette is wanted; the style itself goes with this scope.
+    const std::unique_ptr<QStyle> fusion(QStyleFactory::create(QStringLiteral("Fusion")));
+    QPalette pal = fusion->standardPalette();
     pal.setColor(QPalette::Window, QColor(246, 246, 246));
     pal.setColor(QPalette::WindowText, QColor(28, 28, 30));
     pal.setColor(QPalette::Base, Qt::white);
