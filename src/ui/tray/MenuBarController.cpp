@@ -10,7 +10,7 @@
 #include <QClipboard>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QDBusInterface>
+#include <QDBusMessage>
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <QGuiApplication>
@@ -195,10 +195,13 @@ bool MenuBarController::trayHostPresent()
     const QDBusConnection bus = QDBusConnection::sessionBus();
     const QString watcher = QStringLiteral("org.kde.StatusNotifierWatcher");
     if (bus.isConnected() && bus.interface()->isServiceRegistered(watcher)) {
-        QDBusInterface properties(watcher, QStringLiteral("/StatusNotifierWatcher"),
-                                  QStringLiteral("org.freedesktop.DBus.Properties"), bus);
-        const QDBusReply<QDBusVariant> hosted =
-            properties.call(QStringLiteral("Get"), watcher, QStringLiteral("IsStatusNotifierHostRegistered"));
+        // One plain property read: this runs every second while there is no tray, and a
+        // QDBusInterface would introspect the watcher each time.
+        QDBusMessage get = QDBusMessage::createMethodCall(watcher, QStringLiteral("/StatusNotifierWatcher"),
+                                                          QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                          QStringLiteral("Get"));
+        get << watcher << QStringLiteral("IsStatusNotifierHostRegistered");
+        const QDBusReply<QDBusVariant> hosted = bus.call(get);
         if (hosted.isValid() && hosted.value().variant().toBool())
             return true;
     }

@@ -125,22 +125,25 @@ void setSkipTaskbar(QWidget* window, bool skip)
     XFlush(dpy);
 }
 
+// Whether someone owns the manager selection `prefix` + this screen's number (how compositors and
+// trays announce themselves).
+static bool screenSelectionOwned(Display* dpy, const QByteArray& prefix)
+{
+    const QByteArray name = prefix + QByteArray::number(DefaultScreen(dpy));
+    return XGetSelectionOwner(dpy, XInternAtom(dpy, name.constData(), False)) != 0;
+}
+
 bool compositingActive()
 {
     Display* dpy = display();
-    if (!dpy)
-        return true;  // elsewhere the platform blends translucent windows itself
-    const QByteArray name = "_NET_WM_CM_S" + QByteArray::number(DefaultScreen(dpy));
-    return XGetSelectionOwner(dpy, XInternAtom(dpy, name.constData(), False)) != 0;
+    // Elsewhere than on X11 the platform blends translucent windows itself.
+    return !dpy || screenSelectionOwned(dpy, "_NET_WM_CM_S");
 }
 
 bool systemTrayOwned()
 {
     Display* dpy = display();
-    if (!dpy)
-        return false;
-    const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(DefaultScreen(dpy));
-    return XGetSelectionOwner(dpy, XInternAtom(dpy, name.constData(), False)) != 0;
+    return dpy && screenSelectionOwned(dpy, "_NET_SYSTEM_TRAY_S");
 }
 
 }  // namespace X11Desktop
