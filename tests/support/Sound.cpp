@@ -240,7 +240,7 @@ void PipeMicrophone::feed()
     ::fcntl(fd, F_SETPIPE_SZ, 4096);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
     constexpr int step = 160;  // 10 ms at 16 kHz
-    std::uint32_t noise = 12345;
+    Hiss hiss(12345);
     const Clock::time_point begin = Clock::now();
     for (long n = 1; listening_; ++n) {
         qint16 chunk[step];
@@ -255,11 +255,8 @@ void PipeMicrophone::feed()
                     said_ = Clock::now();
             }
         }
-        // A microphone's own hiss, about -75 dBFS, where nothing is said.
-        for (int i = spoken; i < step; ++i) {
-            noise = noise * 1664525u + 1013904223u;
-            chunk[i] = static_cast<qint16>(static_cast<int>(noise >> 28) - 8);
-        }
+        for (int i = spoken; i < step; ++i)  // hiss where nothing is said
+            chunk[i] = hiss.next();
         if (::write(fd, chunk, sizeof chunk) < 0 && errno != EAGAIN)
             break;
         std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * n));

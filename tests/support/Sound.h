@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -30,6 +31,23 @@ std::vector<float> channel(const AudioBuffer& buffer, int channel);
 
 // Root mean square of a run of samples.
 double rms(const std::vector<float>& samples, std::size_t from = 0);
+
+// A microphone's own hiss, about -75 dBFS. No real microphone gives digital silence, and the
+// decoder's noise tracking and voice-activity detection behave differently on it. Header-only, so
+// the benchmarks share it without linking the harness.
+class Hiss {
+public:
+    explicit Hiss(std::uint32_t seed) : state_(seed) {}
+    qint16 next()
+    {
+        state_ = state_ * 1664525u + 1013904223u;
+        return static_cast<qint16>(static_cast<int>(state_ >> 28) - 8);
+    }
+    float nextFloat() { return static_cast<float>(next()) / 32768.0f; }
+
+private:
+    std::uint32_t state_;
+};
 
 // Power of `frequency` in the samples by the Goertzel algorithm, normalised so that a full-scale sine
 // of that frequency gives about 0.25 * amplitude^2.
