@@ -60,9 +60,7 @@ std::vector<float> dictation(const QList<const std::vector<float>*>& sentences, 
 
 void feed(TranscriberController& controller, const std::vector<float>& samples)
 {
-    const auto input = controller.inputContinuation();
-    for (size_t at = 0; at < samples.size(); at += 1024)
-        input->yield(AudioBuffer{{16000, 1}, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + 1024))});
+    AudioTest::feed(*controller.inputContinuation(), samples, 1024);
 }
 
 // Words missed plus words added, per hundred words said.

@@ -2,6 +2,8 @@
 
 #include "support/TestSupport.h"
 
+#include "core/Collaborators.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -88,6 +90,12 @@ double tonePower(const std::vector<float>& samples, double sampleRate, double fr
     const double n = double(samples.size() - from);
     const double power = s1 * s1 + s2 * s2 - coeff * s1 * s2;
     return power / (n * n);
+}
+
+void feed(AudioInputStream& input, const std::vector<float>& samples, std::size_t blockSize, AudioFormat format)
+{
+    for (std::size_t at = 0; at < samples.size(); at += blockSize)
+        input.yield(AudioBuffer{format, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + blockSize))});
 }
 
 bool writeWav(const QString& path, const AudioBuffer& audio)

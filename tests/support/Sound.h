@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+class AudioInputStream;
+
 namespace AudioTest {
 
 // `frames` frames of a sine of `frequency` Hz and peak `amplitude` on every channel, starting at
@@ -52,6 +54,9 @@ private:
 // Power of `frequency` in the samples by the Goertzel algorithm, normalised so that a full-scale sine
 // of that frequency gives about 0.25 * amplitude^2.
 double tonePower(const std::vector<float>& samples, double sampleRate, double frequency, std::size_t from = 0);
+
+// Hands `samples` to `input` in blocks of `blockSize` samples marked as `format`, as capture does.
+void feed(AudioInputStream& input, const std::vector<float>& samples, std::size_t blockSize, AudioFormat format = {16000, 1});
 
 // Writes interleaved float samples as a 16-bit PCM WAV file; false when it cannot.
 bool writeWav(const QString& path, const AudioBuffer& audio);
