@@ -65,16 +65,6 @@ std::vector<float> channel(const AudioBuffer& buffer, int channel)
     return out;
 }
 
-double rms(const std::vector<float>& samples, std::size_t from)
-{
-    if (samples.size() <= from)
-        return 0;
-    double sum = 0;
-    for (std::size_t i = from; i < samples.size(); ++i)
-        sum += double(samples[i]) * samples[i];
-    return std::sqrt(sum / double(samples.size() - from));
-}
-
 double tonePower(const std::vector<float>& samples, double sampleRate, double frequency, std::size_t from)
 {
     if (samples.size() <= from)

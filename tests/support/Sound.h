@@ -31,9 +31,6 @@ AudioBuffer constant(AudioFormat format, int frames, float value);
 // Channel `channel` of interleaved samples.
 std::vector<float> channel(const AudioBuffer& buffer, int channel);
 
-// Root mean square of a run of samples.
-double rms(const std::vector<float>& samples, std::size_t from = 0);
-
 // A microphone's own hiss, about -75 dBFS. No real microphone gives digital silence, and the
 // decoder's noise tracking and voice-activity detection behave differently on it. Header-only, so
 // the benchmarks share it without linking the harness.
