@@ -73,9 +73,9 @@ bool run(const QString& program, const QStringList& args, const QByteArray& inpu
 // The tests' microphone hiss over the whole recording, as a real microphone would add it.
 void addHiss(std::vector<float>& samples)
 {
-    AudioTest::Hiss hiss(7);
+    std::uint32_t noise = 7;
     for (float& s : samples)
-        s += hiss.nextFloat();
+        s += AudioTest::hiss(noise) / 32768.0f;
 }
 
 bool addHissToWav(const QString& path)

@@ -39,9 +39,9 @@ QString installedModel() { return ModelInventory().installedModelFolder(QStringL
 // A quiet room: the microphone's hiss only.
 void quiet(std::vector<float>& audio, int ms)
 {
-    static AudioTest::Hiss hiss(1);
+    static std::uint32_t noise = 1;
     for (int i = 0; i < ms * 16; ++i)
-        audio.push_back(hiss.nextFloat());
+        audio.push_back(AudioTest::hiss(noise) / 32768.0f);
 }
 
 // Sentences without their own silences, after a short quiet lead, `gapMs` of quiet between them

@@ -238,7 +238,7 @@ void PipeMicrophone::feed()
     ::fcntl(fd, F_SETPIPE_SZ, 4096);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
     constexpr int step = 160;  // 10 ms at 16 kHz
-    Hiss hiss(12345);
+    std::uint32_t noise = 12345;
     const Clock::time_point begin = Clock::now();
     for (long n = 1; listening_; ++n) {
         qint16 chunk[step];
@@ -254,7 +254,7 @@ void PipeMicrophone::feed()
             }
         }
         for (int i = spoken; i < step; ++i)  // hiss where nothing is said
-            chunk[i] = hiss.next();
+            chunk[i] = hiss(noise);
         if (::write(fd, chunk, sizeof chunk) < 0 && errno != EAGAIN)
             break;
         std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * n));

@@ -31,22 +31,14 @@ AudioBuffer constant(AudioFormat format, int frames, float value);
 // Channel `channel` of interleaved samples.
 std::vector<float> channel(const AudioBuffer& buffer, int channel);
 
-// A microphone's own hiss, about -75 dBFS. No real microphone gives digital silence, and the
-// decoder's noise tracking and voice-activity detection behave differently on it. Header-only, so
-// the benchmarks share it without linking the harness.
-class Hiss {
-public:
-    explicit Hiss(std::uint32_t seed) : state_(seed) {}
-    qint16 next()
-    {
-        state_ = state_ * 1664525u + 1013904223u;
-        return static_cast<qint16>(static_cast<int>(state_ >> 28) - 8);
-    }
-    float nextFloat() { return static_cast<float>(next()) / 32768.0f; }
-
-private:
-    std::uint32_t state_;
-};
+// The next sample of a microphone's own hiss (about -75 dBFS) from the generator's `state`. No real
+// microphone gives digital silence, and the decoder's noise tracking and voice-activity detection
+// behave differently on it. Inline, so the benchmarks share it without linking the harness.
+inline qint16 hiss(std::uint32_t& state)
+{
+    state = state * 1664525u + 1013904223u;
+    return static_cast<qint16>(static_cast<int>(state >> 28) - 8);
+}
 
 // Power of `frequency` in the samples by the Goertzel algorithm, normalised so that a full-scale sine
 // of that frequency gives about 0.25 * amplitude^2.
