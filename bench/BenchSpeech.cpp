@@ -1,5 +1,7 @@
 #include "BenchSpeech.h"
 
+#include "support/Sound.h"
+
 #include <QDir>
 
 #include <pocketsphinx.h>
@@ -49,16 +51,12 @@ bool run(const QString& program, const QStringList& args, const QByteArray& inpu
     return p.waitForFinished(300000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
 }
 
-// A microphone's own hiss (about -75 dBFS, as the tests' pipe microphone makes it) over the whole
-// recording: no real microphone gives digital silence, and the decoder's noise tracking and the
-// pause detector behave differently on it.
+// The tests' microphone hiss over the whole recording, as a real microphone would add it.
 void addHiss(std::vector<float>& samples)
 {
-    std::uint32_t state = 7;
-    for (float& s : samples) {
-        state = state * 1664525u + 1013904223u;
-        s += static_cast<float>(static_cast<int>(state >> 28) - 8) / 32768.0f;
-    }
+    std::uint32_t noise = 7;
+    for (float& s : samples)
+        s += AudioTest::hiss(noise) / 32768.0f;
 }
 
 bool addHissToWav(const QString& path)

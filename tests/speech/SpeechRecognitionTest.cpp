@@ -140,9 +140,7 @@ QString thrown(QCoro::Task<T> task)
 // Feeds samples in blocks of the size capture delivers after conversion.
 void feed(TranscriberController& controller, const std::vector<float>& samples, AudioFormat format = {16000, 1})
 {
-    const auto input = controller.inputContinuation();
-    for (size_t at = 0; at < samples.size(); at += 341)
-        input->yield(AudioBuffer{format, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + 341))});
+    AudioTest::feed(*controller.inputContinuation(), samples, 341, format);
 }
 
 QString transcribe(TranscriberController& controller, const std::vector<float>& samples)

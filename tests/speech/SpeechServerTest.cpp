@@ -3,6 +3,7 @@
 // when the server fails, and words at segment boundaries.
 
 #include "support/FakeSpeechServer.h"
+#include "support/Sound.h"
 #include "support/Speech.h"
 #include "support/TestSupport.h"
 
@@ -35,15 +36,12 @@ const QString kFourth = QStringLiteral("the train to the city leaves at seven fi
 
 QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
 
-// A room's faint noise: real microphones never deliver digital silence, on which the decoder's
-// voice-activity detection misjudges what follows.
+// A quiet room: the microphone's hiss only.
 void quiet(std::vector<float>& audio, int ms)
 {
-    static std::uint32_t state = 1;
-    for (int i = 0; i < ms * 16; ++i) {
-        state = state * 1664525u + 1013904223u;
-        audio.push_back(static_cast<float>(static_cast<int>(state >> 28) - 8) / 32768.0f);
-    }
+    static std::uint32_t noise = 1;
+    for (int i = 0; i < ms * 16; ++i)
+        audio.push_back(AudioTest::hiss(noise) / 32768.0f);
 }
 
 // Sentences without their own silences, after a short quiet lead, `gapMs` of quiet between them
@@ -62,9 +60,7 @@ std::vector<float> dictation(const QList<const std::vector<float>*>& sentences, 
 
 void feed(TranscriberController& controller, const std::vector<float>& samples)
 {
-    const auto input = controller.inputContinuation();
-    for (size_t at = 0; at < samples.size(); at += 1024)
-        input->yield(AudioBuffer{{16000, 1}, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + 1024))});
+    AudioTest::feed(*controller.inputContinuation(), samples, 1024);
 }
 
 // Words missed plus words added, per hundred words said.

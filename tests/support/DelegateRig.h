@@ -18,25 +18,18 @@ class FakeCleanup final : public CleanupEngine {
 public:
     QCoro::Task<QString> process(QString text, CleanupMode mode) override
     {
-        calls << CleanupModes::rawValue(mode) + QLatin1Char(':') + text;
         if (answer)
             co_return *answer;
         co_return CleanupModes::rawValue(mode).toUpper() + QLatin1Char('(') + text + QLatin1Char(')');
     }
-    QStringList calls;
     std::optional<QString> answer;
 };
 
 class FakeCompareWindow final : public AbstractCompareWindow {
 public:
     CompareModel& model() override { return model_; }
-    void arm() override
-    {
-        ++arms;
-        model_.reset();
-    }
+    void arm() override { model_.reset(); }
     CompareModel model_;
-    int arms = 0;
 };
 
 struct DelegateRig {

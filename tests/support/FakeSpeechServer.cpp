@@ -4,42 +4,20 @@
 
 #include <QJsonDocument>
 #include <QRegularExpression>
+#include <QTemporaryFile>
 
 #include <sndfile.h>
 
-#include <cstring>
-
 namespace {
 
-// libsndfile reading from memory.
-struct Memory {
-    QByteArray bytes;
-    sf_count_t at = 0;
-};
-sf_count_t length(void* m) { return static_cast<Memory*>(m)->bytes.size(); }
-sf_count_t seek(sf_count_t offset, int whence, void* m)
-{
-    auto* mem = static_cast<Memory*>(m);
-    mem->at = whence == SEEK_SET ? offset : whence == SEEK_CUR ? mem->at + offset : mem->bytes.size() + offset;
-    return mem->at;
-}
-sf_count_t read(void* out, sf_count_t count, void* m)
-{
-    auto* mem = static_cast<Memory*>(m);
-    const sf_count_t n = std::max<sf_count_t>(0, std::min<sf_count_t>(count, mem->bytes.size() - mem->at));
-    std::memcpy(out, mem->bytes.constData() + mem->at, static_cast<size_t>(n));
-    mem->at += n;
-    return n;
-}
-sf_count_t write(const void*, sf_count_t, void*) { return 0; }
-sf_count_t tell(void* m) { return static_cast<Memory*>(m)->at; }
-
+// The sound file as libsndfile reads it, through a file of its own in the sandbox's TMPDIR.
 void readSound(const QByteArray& bytes, FakeSpeechServer::Upload& upload)
 {
-    Memory memory{bytes};
-    SF_VIRTUAL_IO io{length, seek, read, write, tell};
+    QTemporaryFile copy;
+    if (!copy.open() || copy.write(bytes) != bytes.size() || !copy.flush())
+        return;
     SF_INFO info{};
-    SNDFILE* file = sf_open_virtual(&io, SFM_READ, &info, &memory);
+    SNDFILE* file = sf_open(QFile::encodeName(copy.fileName()).constData(), SFM_READ, &info);
     if (!file)
         return;
     upload.sampleRate = info.samplerate;

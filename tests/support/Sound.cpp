@@ -2,6 +2,8 @@
 
 #include "support/TestSupport.h"
 
+#include "core/Collaborators.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -63,16 +65,6 @@ std::vector<float> channel(const AudioBuffer& buffer, int channel)
     return out;
 }
 
-double rms(const std::vector<float>& samples, std::size_t from)
-{
-    if (samples.size() <= from)
-        return 0;
-    double sum = 0;
-    for (std::size_t i = from; i < samples.size(); ++i)
-        sum += double(samples[i]) * samples[i];
-    return std::sqrt(sum / double(samples.size() - from));
-}
-
 double tonePower(const std::vector<float>& samples, double sampleRate, double frequency, std::size_t from)
 {
     if (samples.size() <= from)
@@ -88,6 +80,12 @@ double tonePower(const std::vector<float>& samples, double sampleRate, double fr
     const double n = double(samples.size() - from);
     const double power = s1 * s1 + s2 * s2 - coeff * s1 * s2;
     return power / (n * n);
+}
+
+void feed(AudioInputStream& input, const std::vector<float>& samples, std::size_t blockSize, AudioFormat format)
+{
+    for (std::size_t at = 0; at < samples.size(); at += blockSize)
+        input.yield(AudioBuffer{format, std::vector<float>(samples.begin() + at, samples.begin() + std::min(samples.size(), at + blockSize))});
 }
 
 bool writeWav(const QString& path, const AudioBuffer& audio)
@@ -255,11 +253,8 @@ void PipeMicrophone::feed()
                     said_ = Clock::now();
             }
         }
-        // A microphone's own hiss, about -75 dBFS, where nothing is said.
-        for (int i = spoken; i < step; ++i) {
-            noise = noise * 1664525u + 1013904223u;
-            chunk[i] = static_cast<qint16>(static_cast<int>(noise >> 28) - 8);
-        }
+        for (int i = spoken; i < step; ++i)  // hiss where nothing is said
+            chunk[i] = hiss(noise);
         if (::write(fd, chunk, sizeof chunk) < 0 && errno != EAGAIN)
             break;
         std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * n));

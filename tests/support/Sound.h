@@ -11,10 +11,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
+
+class AudioInputStream;
 
 namespace AudioTest {
 
@@ -28,12 +31,21 @@ AudioBuffer constant(AudioFormat format, int frames, float value);
 // Channel `channel` of interleaved samples.
 std::vector<float> channel(const AudioBuffer& buffer, int channel);
 
-// Root mean square of a run of samples.
-double rms(const std::vector<float>& samples, std::size_t from = 0);
+// The next sample of a microphone's own hiss (about -75 dBFS) from the generator's `state`. No real
+// microphone gives digital silence, and the decoder's noise tracking and voice-activity detection
+// behave differently on it. Inline, so the benchmarks share it without linking the harness.
+inline qint16 hiss(std::uint32_t& state)
+{
+    state = state * 1664525u + 1013904223u;
+    return static_cast<qint16>(static_cast<int>(state >> 28) - 8);
+}
 
 // Power of `frequency` in the samples by the Goertzel algorithm, normalised so that a full-scale sine
 // of that frequency gives about 0.25 * amplitude^2.
 double tonePower(const std::vector<float>& samples, double sampleRate, double frequency, std::size_t from = 0);
+
+// Hands `samples` to `input` in blocks of `blockSize` samples marked as `format`, as capture does.
+void feed(AudioInputStream& input, const std::vector<float>& samples, std::size_t blockSize, AudioFormat format = {16000, 1});
 
 // Writes interleaved float samples as a 16-bit PCM WAV file; false when it cannot.
 bool writeWav(const QString& path, const AudioBuffer& audio);
