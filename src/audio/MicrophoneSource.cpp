@@ -108,10 +108,13 @@ MicrophoneSource::MicrophoneSource(int timeoutMs, QObject* parent)
 MicrophoneSource::~MicrophoneSource()
 {
     stop();
-    auto capture = capture_;
-    QMetaObject::invokeMethod(worker_, [capture] { capture->devices.reset(); }, Qt::QueuedConnection);
-    QMetaObject::invokeMethod(worker_, &QObject::deleteLater, Qt::QueuedConnection);
-    thread_->quit();
+    // The audio thread undoes its part and then ends its own loop: a quit from here can end that
+    // loop before it has run what was queued, and the capture and the worker were never freed.
+    QMetaObject::invokeMethod(worker_, [capture = capture_, worker = worker_] {
+            capture->devices.reset();
+            worker->deleteLater();  // deferred deletions still run as the thread ends
+            QThread::currentThread()->quit();
+        }, Qt::QueuedConnection);
     if (thread_->wait(timeoutMs_)) {
         delete thread_;
     } else {

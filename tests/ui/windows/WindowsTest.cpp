@@ -617,23 +617,31 @@ private Q_SLOTS:
         QVERIFY(notices().first().contains(QStringLiteral("gnome-shell-extension-appindicator")));
 
         // A panel with a tray starts: the icon registers with it, no relaunch needed.
-        StatusNotifierWatcher watcher;
+        auto* watcher = new StatusNotifierWatcher;
         QThread panelThread;
         panelThread.start();
-        watcher.moveToThread(&panelThread);
+        watcher->moveToThread(&panelThread);
         const auto stopPanel = qScopeGuard([&] {
-            QDBusConnection::disconnectFromBus(QStringLiteral("panel"));
+            // The watcher goes in its own thread (as the thread ends) while its connection still stands.
+            watcher->deleteLater();
             panelThread.quit();
             panelThread.wait();
+            QDBusConnection::disconnectFromBus(QStringLiteral("panel"));
         });
         QDBusConnection panel = QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("panel"));
-        QVERIFY(panel.registerObject(QStringLiteral("/StatusNotifierWatcher"), &watcher,
-                                     QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
-                                         QDBusConnection::ExportAllSignals));
+        // Registered from the watcher's own thread: what Qt D-Bus attaches to it becomes its child and goes
+        // with it (from another thread that parent is refused and the helper object is never freed).
+        bool exported = false;
+        QMetaObject::invokeMethod(watcher, [&] {
+            exported = panel.registerObject(QStringLiteral("/StatusNotifierWatcher"), watcher,
+                                            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
+                                                QDBusConnection::ExportAllSignals);
+        }, Qt::BlockingQueuedConnection);
+        QVERIFY(exported);
         QVERIFY2(panel.registerService(QStringLiteral("org.kde.StatusNotifierWatcher")), "no private session bus");
         bool appeared = false;
         bar.onTrayAppeared = [&] { appeared = true; };
-        QVERIFY(waitUntil([&] { return watcher.registered > 0; }));
+        QVERIFY(waitUntil([&] { return watcher->registered > 0; }));
         QVERIFY(appeared && bar.hasTray() && !bar.trayIcon()->icon().isNull());
     }
 
