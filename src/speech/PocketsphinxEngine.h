@@ -56,14 +56,12 @@ public:
         std::chrono::milliseconds leadIn{150};
         // A segment longer than `splitAfter` is ended at the next pause of `splitPause` between
         // phrases, so the second pass over it runs while the user still speaks and the key-up
-        // finds only a short last segment to finish. In bench_decoder_settings ending segments
-        // after 2 s at 0.1 s pauses made as many word errors over all its sentences as never
-        // ending them early (each segment starts without the words before it, but a phrase break
-        // is where that matters least), and brought the end of ~10 s dictations from ~230 ms to
-        // nothing when the key comes up 0.15 s after the last word, ~80 ms when it comes up with
-        // it. After 1 s cost words; a 0.15 s pause is rarely found in running speech. Zero never
-        // ends a segment early.
-        std::chrono::milliseconds splitAfter{2000};
+        // finds only a short last segment to finish. Zero never ends a segment early, and is the
+        // default: in bench_dictation_latency ending ~10 s dictations after 2 s at 0.1 s pauses
+        // brings the key-up → text time from ~270 ms to 50-70 ms, but the decoder, which starts
+        // each segment without the words before it, got about 4 more words in 100 wrong. A tenth of
+        // a second is the pause that finds the breaks in running speech (0.15 s found almost none).
+        std::chrono::milliseconds splitAfter{0};
         std::chrono::milliseconds splitPause{100};
         // Load only the dictionary entries the language model knows: the same words, less memory.
         bool trimDictionary = true;
