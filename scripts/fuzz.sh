@@ -36,9 +36,11 @@ fi
 targets=(ModelArchive AudioFile Preferences TranscriptStore Snippets ChatAnswer ModelCatalog TranscriptionAnswer)
 [ ${#only[@]} -gt 0 ] && targets=("${only[@]}")
 
-# Sanitizer reports stop the run; leaks count as faults too.
+# Sanitizer reports stop the run; leaks count as faults too, but for those in system libraries that
+# fuzz/lsan.supp lists with its reason.
 export ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+export LSAN_OPTIONS=suppressions=$PWD/fuzz/lsan.supp:print_suppressions=0
 failed=()
 summary=()
 for t in "${targets[@]}"; do
