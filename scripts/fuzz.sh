@@ -33,7 +33,8 @@ if [ "$build" = 1 ]; then
   cmake --build build-fuzz --target tolvane_fuzzers -j"$(nproc)"
 fi
 
-targets=(ModelArchive AudioFile Preferences TranscriptStore Snippets ChatAnswer ModelCatalog TranscriptionAnswer)
+targets=(ModelArchive AudioFile Preferences TranscriptStore Snippets ChatAnswer ModelCatalog TranscriptionAnswer
+         ReleaseFeed PronouncingDictionary)
 [ ${#only[@]} -gt 0 ] && targets=("${only[@]}")
 
 # Sanitizer reports stop the run; leaks count as faults too, but for those in system libraries that
@@ -55,6 +56,7 @@ for t in "${targets[@]}"; do
   case "$t" in
     ModelArchive|AudioFile) options+=(-max_len=65536) ;;
     Preferences) options+=(-dict=fuzz/ini.dict) ;;
+    PronouncingDictionary) ;;
     *) options+=(-dict=fuzz/json.dict) ;;
   esac
   echo "fuzz: $t for $seconds s"
