@@ -61,6 +61,8 @@ private Q_SLOTS:
         const QString missing = AudioTest::sandboxPath(QStringLiteral("missing.wav"));
         row("missing sound file", {"--transcribe", missing}, 1, QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(missing));
         row("not a sound file", {"--transcribe", TestSupport::tolvaneBinary()}, 1, "tolvane: Cannot read the audio file");
+        row("damaged Ogg Vorbis header", {"--transcribe", TOLVANE_FUZZ_CORPUS "/AudioFile/damaged-vorbis-header.ogg"}, 1,
+            "tolvane: Cannot read the audio file");
         row("unsupported language", {"--transcribe", speechWav_, "--locale", "xx-XX"}, 1,
             "tolvane: Locale xx-XX is not supported by the on-device SpeechTranscriber.\n");
     }
