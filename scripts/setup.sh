@@ -7,7 +7,7 @@ build_pkgs=(
   build-essential cmake pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev qt6-qpa-plugins qcoro-qt6-dev libgl-dev
   libx11-dev libxi-dev libxtst-dev libevdev-dev libudev-dev
-  libsoxr-dev libsndfile1-dev libpulse-dev
+  libsoxr-dev libsndfile1-dev libpulse-dev libarchive-dev
   libpocketsphinx-dev pocketsphinx-en-us
   fonts-dejavu-core fonts-inter
 )
@@ -22,14 +22,17 @@ test_pkgs=(
 
 # Only scripts/coverage.sh needs it.
 coverage_pkgs=(gcovr)
+# Only scripts/fuzz.sh needs them: clang and its libFuzzer runtime.
+fuzz_pkgs=(clang libclang-rt-14-dev)
 
 want=("${build_pkgs[@]}")
 for arg in "$@"; do
   case "$arg" in
     --test) want+=("${test_pkgs[@]}") ;;
     --coverage) want+=("${coverage_pkgs[@]}") ;;
+    --fuzz) want+=("${fuzz_pkgs[@]}") ;;
     --package) want+=("${package_pkgs[@]}" lintian) ;;
-    *) echo "setup: unknown option $arg (use --test, --coverage, --package)" >&2; exit 2 ;;
+    *) echo "setup: unknown option $arg (use --test, --coverage, --fuzz, --package)" >&2; exit 2 ;;
   esac
 done
 

@@ -11,6 +11,9 @@
 
 namespace {
 
+constexpr int minimumRate = 1000;
+constexpr int maximumRate = 768000;
+
 // Opens the file for reading, or throws with libsndfile's reason.
 SNDFILE* openFile(const QString& path, SF_INFO& info)
 {
@@ -19,7 +22,9 @@ SNDFILE* openFile(const QString& path, SF_INFO& info)
     if (!file)
         throw CollaboratorError(QStringLiteral("Cannot read the audio file \"%1\": %2")
                                     .arg(path, QString::fromUtf8(sf_strerror(nullptr))));
-    if (info.channels <= 0 || info.samplerate <= 0) {
+    // A rate far below any recording's would be stretched thousands of times over on its way to
+    // the recognizer: a few bytes claiming 1 Hz turn into hours of audio.
+    if (info.channels <= 0 || info.samplerate < minimumRate || info.samplerate > maximumRate) {
         sf_close(file);
         throw CollaboratorError(QStringLiteral("The audio file \"%1\" has no usable audio (%2 channels at %3 Hz)")
                                     .arg(path).arg(info.channels).arg(info.samplerate));

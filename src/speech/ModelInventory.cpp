@@ -2,6 +2,8 @@
 
 #include "core/Collaborators.h"
 #include "speech/Background.h"
+#include "speech/ModelArchive.h"
+#include "speech/ModelCatalog.h"
 #include "speech/PocketsphinxEngine.h"
 #include "storage/DataLocation.h"
 #include "storage/Diagnostics.h"
@@ -12,12 +14,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTemporaryFile>
 #include <QUrl>
@@ -74,31 +72,7 @@ ModelInventory::ModelInventory(Folders folders) : folders_(std::move(folders)) {
 
 QList<ModelSource> ModelInventory::catalog()
 {
-    const QString text = Preferences::shared().value(Settings::speechModelCatalog).trimmed();
-    if (text.isEmpty())
-        return {};
-    QJsonParseError error{};
-    const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
-    if (!doc.isArray()) {
-        Diagnostics::log(QStringLiteral("transcriber: speechModelCatalog is not a JSON array of models (")
-                         + (error.error != QJsonParseError::NoError ? error.errorString() : QStringLiteral("wrong type"))
-                         + QStringLiteral("); no models are installable"));
-        return {};
-    }
-    QList<ModelSource> sources;
-    for (const QJsonValue& v : doc.array()) {
-        const QJsonObject o = v.toObject();
-        ModelSource s{o.value(QLatin1String("locale")).toString().trimmed(), o.value(QLatin1String("url")).toString().trimmed(),
-                      o.value(QLatin1String("sha256")).toString().trimmed().toLower()};
-        if (s.locale.isEmpty() || s.url.isEmpty() || s.sha256.size() != 64) {
-            Diagnostics::log(QStringLiteral("transcriber: speechModelCatalog entry skipped (needs locale, url and a "
-                                            "64-digit sha256): ")
-                             + QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact)));
-            continue;
-        }
-        sources << s;
-    }
-    return sources;
+    return ModelCatalog::parse(Preferences::shared().value(Settings::speechModelCatalog));
 }
 
 QString ModelInventory::installedModelFolder(const QString& locale) const
@@ -289,20 +263,13 @@ QCoro::Task<void> ModelInventory::downloadAndInstall(ModelSource source)
     Diagnostics::log(QStringLiteral("transcriber: model archive for ") + id + QStringLiteral(" verified; unpacking"));
 
     QDir().mkpath(unpacked);
-    const QCoro::Task<QString> unpacking = Background::run([archive, unpacked] {
-        QProcess tar;
-        tar.start(QStringLiteral("tar"), {QStringLiteral("-xf"), archive, QStringLiteral("-C"), unpacked,
-                                          QStringLiteral("--no-same-owner"), QStringLiteral("--no-same-permissions")});
-        if (!tar.waitForFinished(600000))
-            return QStringLiteral("tar did not finish");
-        if (tar.exitStatus() != QProcess::NormalExit || tar.exitCode() != 0)
-            return QString::fromLocal8Bit(tar.readAllStandardError()).trimmed();
-        return QString();
-    });
-    const QString tarError = co_await unpacking;
-    if (!tarError.isNull()) {
+    const QCoro::Task<QString> unpacking =
+        Background::run([archive, unpacked] { return ModelArchive::unpackFile(archive, unpacked); });
+    const QString refusal = co_await unpacking;
+    if (!refusal.isEmpty()) {
+        Diagnostics::log(QStringLiteral("transcriber: model archive for ") + id + QStringLiteral(" refused: ") + refusal);
         throw CollaboratorError(QStringLiteral("The speech model archive for ") + id
-                                + QStringLiteral(" could not be unpacked: ") + tarError);
+                                + QStringLiteral(" could not be unpacked: ") + refusal);
     }
 
     // The archive may hold the model at its top or inside one folder.

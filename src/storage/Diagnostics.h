@@ -2,16 +2,15 @@
 
 #include <QString>
 
-#include <source_location>
-
 // The one logging call. Each line goes to <data>/Tolvane/diagnostic.log as
 //   2026-03-14T09:26:53.589Z [Preferences:118] prefs: startAtLogin = true
 // and the bare message is mirrored to standard error, both by one writer thread. Callable from any
 // thread; the caller never waits for the disk or the terminal, and nothing here throws.
 namespace Diagnostics {
 
-void log(const QString& message, const char* file = std::source_location::current().file_name(),
-         int line = static_cast<int>(std::source_location::current().line()));
+// The call site comes from the builtins rather than std::source_location, which clang 14 (the
+// fuzzing compiler) cannot provide with Debian's libstdc++.
+void log(const QString& message, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
 // The "Name:57" field for a source path: last path component without its extension.
 QString sourceName(const char* file);

@@ -78,6 +78,17 @@ Preferences& Preferences::shared()
 Preferences::Preferences() : settings_(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Tolvane"),
                                        QStringLiteral("Tolvane"))
 {
+    keepDamagedStore();
+}
+
+Preferences::Preferences(const QString& filePath, QObject* parent)
+    : QObject(parent), settings_(filePath, QSettings::IniFormat)
+{
+    keepDamagedStore();
+}
+
+void Preferences::keepDamagedStore()
+{
     // Damaged settings read as the defaults, and the next change replaces the file: keep it.
     if (settings_.status() == QSettings::FormatError) {
         const QString copy = keepDamagedCopy(settings_.fileName());

@@ -78,6 +78,9 @@ class Preferences final : public QObject {
     Q_OBJECT
 public:
     static Preferences& shared();
+    // Settings kept in another file (the same INI format), read at once. The program uses shared()
+    // only; tests and fuzz targets read a given file with it.
+    explicit Preferences(const QString& filePath, QObject* parent = nullptr);
 
     QString localeIdentifier() const;
     void setLocaleIdentifier(const QString& identifier);
@@ -129,6 +132,7 @@ Q_SIGNALS:
 
 private:
     Preferences();
+    void keepDamagedStore();
     QVariant stored(const char* key) const;
     void store(const char* key, const QVariant& v);
 

@@ -52,28 +52,16 @@ QList<TranscriptEntry> readFromDisk(const QString& path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    const QByteArray bytes = file.readAll();
+    const TranscriptStore::Contents contents = TranscriptStore::parse(file.readAll());
     // A file that is not UTF-8 as a whole is not ours: start afresh.
-    QStringDecoder utf8(QStringDecoder::Utf8);
-    const QString text = utf8(bytes);
-    if (utf8.hasError()) {
+    if (contents.notUtf8)
         reportDamage(path, QStringLiteral("text that is not UTF-8"));
-        return {};
-    }
-    QList<TranscriptEntry> result;
-    int unreadable = 0;
-    for (const QStringView line : QStringView(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        if (auto entry = parseLine(line.toUtf8()))
-            result.append(*entry);
-        else
-            ++unreadable;
-    }
-    if (unreadable > 0)
-        reportDamage(path, QStringLiteral("%1 unreadable line(s) skipped").arg(unreadable));
-    return result;
+    else if (contents.unreadableLines > 0)
+        reportDamage(path, QStringLiteral("%1 unreadable line(s) skipped").arg(contents.unreadableLines));
+    return contents.entries;
 }
 
-QByteArray encode(const TranscriptEntry& e)
+QByteArray encodeLine(const TranscriptEntry& e)
 {
     return QJsonDocument(QJsonObject{{tsKey, e.timestamp}, {textKey, e.text}}).toJson(QJsonDocument::Compact);
 }
@@ -157,12 +145,7 @@ void TranscriptStore::append(const QString& text)
         d->cache.remove(0, d->cache.size() - limit);
 
     // The snapshot is taken here, so each queued write carries the whole history as it is now.
-    QByteArray contents;
-    for (const TranscriptEntry& e : std::as_const(d->cache)) {
-        contents += encode(e);
-        contents += '\n';
-    }
-    d->enqueue(std::move(contents));
+    d->enqueue(encode(d->cache));
     Q_EMIT entriesChanged();
 }
 
@@ -171,6 +154,34 @@ void TranscriptStore::clear()
     d->cache.clear();
     d->enqueue(QByteArray());
     Q_EMIT entriesChanged();
+}
+
+TranscriptStore::Contents TranscriptStore::parse(const QByteArray& bytes)
+{
+    Contents result;
+    QStringDecoder utf8(QStringDecoder::Utf8);
+    const QString text = utf8(bytes);
+    if (utf8.hasError()) {
+        result.notUtf8 = true;
+        return result;
+    }
+    for (const QStringView line : QStringView(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        if (auto entry = parseLine(line.toUtf8()))
+            result.entries.append(*entry);
+        else
+            ++result.unreadableLines;
+    }
+    return result;
+}
+
+QByteArray TranscriptStore::encode(const QList<TranscriptEntry>& entries)
+{
+    QByteArray contents;
+    for (const TranscriptEntry& e : entries) {
+        contents += encodeLine(e);
+        contents += '\n';
+    }
+    return contents;
 }
 
 void TranscriptStore::waitForWrites()

@@ -37,6 +37,17 @@ public:
     // Blocks until every write handed over so far has finished. For tests and shutdown.
     void waitForWrites();
 
+    // What the bytes of a history file hold: its records in order and how many lines were not
+    // records. Bytes that are not UTF-8 as a whole hold nothing.
+    struct Contents {
+        QList<TranscriptEntry> entries;
+        int unreadableLines = 0;
+        bool notUtf8 = false;
+    };
+    static Contents parse(const QByteArray& bytes);
+    // The file's bytes for these entries, one JSON object per line.
+    static QByteArray encode(const QList<TranscriptEntry>& entries);
+
 Q_SIGNALS:
     // The in-memory list changed (append or clear).
     void entriesChanged();

@@ -46,25 +46,23 @@ std::optional<QUuid> parseId(const QJsonValue& v)
     return id;
 }
 
-std::optional<QList<Snippet>> decode(const QByteArray& data)
+// The trigger a snippet command names, lower-case, or nullopt when the text is no such command.
+std::optional<QString> spokenTrigger(const QString& text)
 {
-    QJsonParseError error{};
-    const QJsonDocument doc = QJsonDocument::fromJson(data, &error);
-    if (error.error != QJsonParseError::NoError || !doc.isArray())
-        return std::nullopt;
-    QList<Snippet> list;
-    for (const QJsonValue& element : doc.array()) {
-        if (!element.isObject())
-            return std::nullopt;
-        const QJsonObject o = element.toObject();
-        const auto id = parseId(o.value(QLatin1String("id")));
-        const QJsonValue trigger = o.value(QLatin1String("trigger"));
-        const QJsonValue replacement = o.value(QLatin1String("replacement"));
-        if (!id || !trigger.isString() || !replacement.isString())
-            return std::nullopt;
-        list.append(Snippet{*id, trigger.toString(), replacement.toString()});
+    QString spoken = text.trimmed().toLower();
+    while (!spoken.isEmpty() && isTrailingPunctuation(spoken.back()))
+        spoken.chop(1);
+
+    static const QString prefixes[] = {QStringLiteral("snippet "), QStringLiteral("snip it ")};
+    for (const QString& prefix : prefixes) {
+        if (spoken.startsWith(prefix)) {
+            QString trigger = trimmedBlanks(spoken.mid(prefix.size()));
+            if (trigger.isEmpty())
+                return std::nullopt;
+            return trigger;
+        }
     }
-    return list;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -91,7 +89,28 @@ QList<Snippet> load()
     return *snippets;
 }
 
-void save(const QList<Snippet>& list)
+std::optional<QList<Snippet>> decode(const QByteArray& data)
+{
+    QJsonParseError error{};
+    const QJsonDocument doc = QJsonDocument::fromJson(data, &error);
+    if (error.error != QJsonParseError::NoError || !doc.isArray())
+        return std::nullopt;
+    QList<Snippet> list;
+    for (const QJsonValue& element : doc.array()) {
+        if (!element.isObject())
+            return std::nullopt;
+        const QJsonObject o = element.toObject();
+        const auto id = parseId(o.value(QLatin1String("id")));
+        const QJsonValue trigger = o.value(QLatin1String("trigger"));
+        const QJsonValue replacement = o.value(QLatin1String("replacement"));
+        if (!id || !trigger.isString() || !replacement.isString())
+            return std::nullopt;
+        list.append(Snippet{*id, trigger.toString(), replacement.toString()});
+    }
+    return list;
+}
+
+QByteArray encode(const QList<Snippet>& list)
 {
     QJsonArray array;
     for (const Snippet& s : list) {
@@ -101,30 +120,26 @@ void save(const QList<Snippet>& list)
             {QStringLiteral("replacement"), s.replacement},
         });
     }
-    Preferences::shared().setData(storeKey, QJsonDocument(array).toJson(QJsonDocument::Compact));
+    return QJsonDocument(array).toJson(QJsonDocument::Compact);
 }
+
+void save(const QList<Snippet>& list) { Preferences::shared().setData(storeKey, encode(list)); }
 
 std::optional<QString> expand(const QString& text)
 {
-    QString spoken = text.trimmed().toLower();
-    while (!spoken.isEmpty() && isTrailingPunctuation(spoken.back()))
-        spoken.chop(1);
-
-    static const QString prefixes[] = {QStringLiteral("snippet "), QStringLiteral("snip it ")};
-    QString trigger;
-    bool isCommand = false;
-    for (const QString& prefix : prefixes) {
-        if (spoken.startsWith(prefix)) {
-            trigger = trimmedBlanks(spoken.mid(prefix.size()));
-            isCommand = true;
-            break;
-        }
-    }
-    if (!isCommand || trigger.isEmpty())
+    // The store is read only for a snippet command.
+    if (!spokenTrigger(text))
         return std::nullopt;
+    return expand(text, load());
+}
 
-    for (const Snippet& s : load()) {
-        if (trimmedBlanks(s.trigger.toLower()) == trigger)
+std::optional<QString> expand(const QString& text, const QList<Snippet>& list)
+{
+    const std::optional<QString> trigger = spokenTrigger(text);
+    if (!trigger)
+        return std::nullopt;
+    for (const Snippet& s : list) {
+        if (trimmedBlanks(s.trigger.toLower()) == *trigger)
             return s.replacement;
     }
     return std::nullopt;

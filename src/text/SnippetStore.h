@@ -23,5 +23,10 @@ QList<Snippet> load();
 void save(const QList<Snippet>& list);
 // The replacement when text is a snippet command naming a known trigger.
 std::optional<QString> expand(const QString& text);
+std::optional<QString> expand(const QString& text, const QList<Snippet>& list);
+
+// The stored form of a list, and back; nullopt when the data is not such a list as a whole.
+QByteArray encode(const QList<Snippet>& list);
+std::optional<QList<Snippet>> decode(const QByteArray& data);
 
 }  // namespace SnippetStore

@@ -61,6 +61,11 @@ private Q_SLOTS:
         const QString missing = AudioTest::sandboxPath(QStringLiteral("missing.wav"));
         row("missing sound file", {"--transcribe", missing}, 1, QStringLiteral("tolvane: Cannot read the audio file \"%1\"").arg(missing));
         row("not a sound file", {"--transcribe", TestSupport::tolvaneBinary()}, 1, "tolvane: Cannot read the audio file");
+        row("damaged Ogg Vorbis header", {"--transcribe", TOLVANE_FUZZ_CORPUS "/AudioFile/damaged-vorbis-header.ogg"}, 1,
+            "tolvane: Cannot read the audio file");
+        row("a rate of 1 Hz", {"--transcribe", TOLVANE_FUZZ_CORPUS "/AudioFile/one-hertz.au"}, 1,
+            QStringLiteral("tolvane: The audio file \"%1\" has no usable audio (1 channels at 1 Hz)\n")
+                .arg(TOLVANE_FUZZ_CORPUS "/AudioFile/one-hertz.au"));
         row("unsupported language", {"--transcribe", speechWav_, "--locale", "xx-XX"}, 1,
             "tolvane: Locale xx-XX is not supported by the on-device SpeechTranscriber.\n");
     }
