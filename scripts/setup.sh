@@ -6,7 +6,7 @@ set -euo pipefail
 build_pkgs=(
   build-essential cmake pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-multimedia-dev qt6-qpa-plugins qcoro-qt6-dev libgl-dev
-  libx11-dev libxi-dev libxtst-dev libevdev-dev libudev-dev
+  libx11-dev libxi-dev libxtst-dev libevdev-dev libudev-dev libwayland-dev libxkbcommon-dev
   libsoxr-dev libsndfile1-dev libpulse-dev libarchive-dev
   libpocketsphinx-dev pocketsphinx-en-us
   fonts-dejavu-core fonts-inter
@@ -15,7 +15,7 @@ build_pkgs=(
 package_pkgs=(dpkg-dev help2man librsvg2-bin appstream)
 test_pkgs=(
   xvfb xdotool x11-xkb-utils x11-utils
-  sway xwayland x11-xserver-utils
+  sway xwayland x11-xserver-utils foot wl-clipboard
   pulseaudio pulseaudio-utils sox espeak-ng festival festvox-us-slt-hts dbus-daemon
   "${package_pkgs[@]}"
 )

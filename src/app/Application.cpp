@@ -6,6 +6,7 @@
 #include "keyboard/evdev/EvdevHotkeyManager.h"
 #include "keyboard/evdev/InputAccess.h"
 #include "keyboard/x11/HotkeyManager.h"
+#include "keyboard/wayland/WaylandTextInjector.h"
 #include "keyboard/x11/TextInjector.h"
 #include "speech/TranscriberController.h"
 #include "storage/Diagnostics.h"
@@ -100,7 +101,12 @@ Bootstrap::Factory Application::platformFactory()
 {
     Bootstrap::Factory f;
     f.menuBar = [] { return std::make_unique<MenuBarController>(); };
-    f.injector = [this] {
+    f.injector = [this]() -> std::unique_ptr<AbstractTextInjector> {
+        if (InputAccess::waylandSession()) {
+            auto injector = std::make_unique<WaylandTextInjector>();
+            waylandInjector_ = injector.get();
+            return injector;
+        }
         auto injector = std::make_unique<TextInjector>();
         injector_ = injector.get();
         return injector;
@@ -112,7 +118,9 @@ Bootstrap::Factory Application::platformFactory()
         // In a Wayland session X clients see other clients' keys only while one of their own windows
         // has the focus, so the keys are read from the keyboards themselves.
         if (InputAccess::waylandSession()) {
-            Diagnostics::log(QStringLiteral("hotkey: Wayland session — keys read from /dev/input (evdev)"));
+            // One line for both sides: the key backend here, the typing backends chosen before.
+            Diagnostics::log(QStringLiteral("hotkey: Wayland session — keys read from /dev/input (evdev)")
+                             + (waylandInjector_ ? QStringLiteral("; ") + waylandInjector_->description() : QString()));
             auto hotkey = std::make_unique<EvdevHotkeyManager>();
             evdevHotkey_ = hotkey.get();
             return hotkey;

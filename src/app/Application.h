@@ -18,6 +18,7 @@
 // desktop, its windows, and the one-instance rule. Made after the QApplication.
 class EvdevHotkeyManager;
 class TextInjector;
+class WaylandTextInjector;
 
 class Application final : public QObject {
     Q_OBJECT
@@ -40,5 +41,6 @@ private:
     SingleInstance single_;
     std::unique_ptr<Bootstrap> bootstrap_;
     QPointer<TextInjector> injector_;
+    QPointer<WaylandTextInjector> waylandInjector_;
     QPointer<EvdevHotkeyManager> evdevHotkey_;
 };

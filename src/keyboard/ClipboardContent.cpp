@@ -1,6 +1,8 @@
 #include "keyboard/ClipboardContent.h"
 
 #include <QBuffer>
+#include <QClipboard>
+#include <QGuiApplication>
 #include <QImage>
 #include <QMimeData>
 
@@ -102,4 +104,14 @@ ClipboardContent ClipboardContent::fromMimeData(const QMimeData& data)
         }
     }
     return c;
+}
+
+std::optional<ClipboardContent> ClipboardContent::ownedByThisProcess()
+{
+    if (auto* gui = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
+        const QClipboard* clipboard = gui->clipboard();
+        if (clipboard->ownsClipboard() && clipboard->mimeData())
+            return fromMimeData(*clipboard->mimeData());
+    }
+    return std::nullopt;
 }

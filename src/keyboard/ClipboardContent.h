@@ -4,6 +4,8 @@
 #include <QList>
 #include <QString>
 
+#include <optional>
+
 class QMimeData;
 
 // One format the clipboard offered, with its bytes exactly as its owner gave them.
@@ -51,6 +53,8 @@ public:
     // What a clipboard owned by this process's own Qt holds (Qt serves its own requests on the GUI
     // thread, so it is read here rather than asked over the display connection).
     static ClipboardContent fromMimeData(const QMimeData& data);
+    // fromMimeData of this process's clipboard when its own Qt owns it; nothing otherwise.
+    static std::optional<ClipboardContent> ownedByThisProcess();
 
 private:
     QList<ClipboardItem> items_;

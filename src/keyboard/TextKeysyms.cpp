@@ -15,12 +15,13 @@ unsigned long forCodePoint(char32_t cp)
     return 0x01000000UL + cp;
 }
 
-std::vector<unsigned long> fromText(const QString& text)
+std::vector<TextKey> keysOf(const QString& text)
 {
-    std::vector<unsigned long> out;
+    std::vector<TextKey> out;
     out.reserve(static_cast<size_t>(text.size()));
     const qsizetype n = text.size();
     for (qsizetype i = 0; i < n; ++i) {
+        const qsizetype start = i;
         const char16_t u = text.at(i).unicode();
         char32_t cp = u;
         if (QChar::isHighSurrogate(u) && i + 1 < n && QChar::isLowSurrogate(text.at(i + 1).unicode())) {
@@ -30,8 +31,16 @@ std::vector<unsigned long> fromText(const QString& text)
             ++i;  // one line break
         }
         if (const unsigned long ks = forCodePoint(cp))
-            out.push_back(ks);
+            out.push_back({ks, text.mid(start, i - start + 1)});
     }
+    return out;
+}
+
+std::vector<unsigned long> fromText(const QString& text)
+{
+    std::vector<unsigned long> out;
+    for (const TextKey& k : keysOf(text))
+        out.push_back(k.keysym);
     return out;
 }
 

@@ -19,4 +19,11 @@ unsigned long forCodePoint(char32_t cp);
 // U+2029 become Return, a tab Tab. Characters that cannot be typed are left out.
 std::vector<unsigned long> fromText(const QString& text);
 
+// The same, each keysym with the characters it stands for (for a backend that pastes what it cannot type).
+struct TextKey {
+    unsigned long keysym;
+    QString text;
+};
+std::vector<TextKey> keysOf(const QString& text);
+
 }  // namespace TextKeysyms

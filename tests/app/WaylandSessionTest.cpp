@@ -1,12 +1,17 @@
 // The real tolvane program in a headless sway session: its windows through Xwayland, its keys read
-// from a keyboard that is a named pipe, its microphone a PulseAudio pipe. What is typed into Wayland
-// clients is not checked here; the state machine's log lines and the pill are.
+// from a keyboard that is a named pipe, its microphone a PulseAudio pipe fed with synthesised
+// speech, and foot (a native Wayland terminal) holding the focus.
 #include "support/KeyPipe.h"
 #include "support/Sound.h"
+#include "support/Speech.h"
 #include "support/Sway.h"
 #include "support/TestSupport.h"
+#include "storage/Preferences.h"
+#include "storage/TranscriptStore.h"
 #include "ui/pill/OverlayPlacement.h"
 
+#include <QRegularExpression>
+#include <QFile>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -41,7 +46,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         // sway gives floating windows at least 75x50 unless told otherwise; the pill is smaller.
-        QCOMPARE(sway_.start({u"floating_minimum_size 1 x 1"_s}), QString());
+        QCOMPARE(sway_.start({u"floating_minimum_size 1 x 1"_s, SwaySession::recordingTerminal()}), QString());
         QCOMPARE(microphone_.start(), QString());
         keyboard_ = std::make_unique<KeyPipe>(AudioTest::sandboxPath(u"keyboard"_s));
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -51,10 +56,16 @@ private Q_SLOTS:
         env.insert(u"TOLVANE_INPUT_DEVICES"_s, keyboard_->path());
         tolvane_.setProcessEnvironment(env);
         tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        QVERIFY2(TestSupport::waitUntil([] { return QFile::exists(SwaySession::terminalOutput()); }, 20000), "foot did not start");
+        Preferences::shared().setCleanupMode(CleanupMode::raw);  // exactly what was said
         const TestSupport::LogMark mark;
         tolvane_.start(TestSupport::tolvaneBinary(), {});
         QVERIFY2(mark.waitFor(u"bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."_s, 60000), "tolvane did not become ready");
-        QVERIFY(mark.messages().contains(u"hotkey: Wayland session — keys read from /dev/input (evdev)"_s));
+        QVERIFY(!mark.messages()
+                     .filter(QRegularExpression(u"^hotkey: Wayland session — keys read from /dev/input \\(evdev\\); typing through "
+                                                "zwp_virtual_keyboard_v1 with Tolvane's own keymap; pasting through "
+                                                "zwlr_data_control_manager_v1; terminals told by"_s))
+                     .isEmpty());
         QVERIFY(keyboard_->connect());
         QVERIFY2(pillIs(OverlayPlacement::idleWidth), "the idle pill is not on screen");
     }
@@ -79,6 +90,23 @@ private Q_SLOTS:
         QVERIFY(mark.waitFor(u"state: TOGGLE → END (⌥ tap)"_s));
         QVERIFY(mark.waitFor(u"dictation: finishing (paste=true, fromToggle=true)"_s));
         QVERIFY2(pillIs(OverlayPlacement::idleWidth), "the pill did not return to idle");
+    }
+
+    void heldDictationIsInserted()
+    {
+        const QString said = u"pick up milk and eggs on the way home"_s;
+        const QByteArray speech = AudioTest::pcm16(SpeechTest::synthesize(said));
+        QVERIFY2(!speech.isEmpty(), "festival and sox are needed (scripts/setup.sh --test installs them)");
+        const TestSupport::LogMark mark;
+        QVERIFY(holdUntilListening(mark));
+        microphone_.speak(speech, true);  // as a person speaks
+        QTest::qWait(500);
+        QVERIFY(keyboard_->release(EvKey::leftAlt));
+        QVERIFY(mark.waitFor(u"dictation: pasted=true (leadingSpace=false)"_s, 30000));
+        QList<TranscriptEntry> saved;
+        QVERIFY(TestSupport::waitUntil([&] { return !(saved = TranscriptStore(TranscriptStore::fileURL()).entries()).isEmpty(); }));
+        // How well the words were recognised is the speech tests' concern; here some must have been.
+        QVERIFY(!saved.last().text.isEmpty());
     }
 
     void escapeDiscards()

@@ -16,7 +16,8 @@
 
 namespace {
 constexpr uid_t nobody = 65534;
-}
+QString runtimeFolder() { return AudioTest::sandboxPath(QStringLiteral("sway-runtime")); }
+}  // namespace
 
 SwaySession::~SwaySession() { stop(); }
 
@@ -25,7 +26,7 @@ QString SwaySession::start(const QStringList& config)
     if (QStandardPaths::findExecutable(QStringLiteral("sway")).isEmpty() || QStandardPaths::findExecutable(QStringLiteral("xhost")).isEmpty())
         return QStringLiteral("sway or xhost is missing (packages sway, xwayland, x11-xserver-utils; scripts/setup.sh --test installs them)");
     const bool root = getuid() == 0;
-    runtime_ = AudioTest::sandboxPath(QStringLiteral("sway-runtime"));
+    runtime_ = runtimeFolder();
     const QByteArray rt = runtime_.toLocal8Bit();
     if (!QDir().mkpath(runtime_))
         return QStringLiteral("cannot make ") + runtime_;
@@ -80,6 +81,14 @@ QString SwaySession::start(const QStringList& config)
     display.open(QIODevice::ReadOnly);
     x11Display_ = QString::fromUtf8(display.readAll()).trimmed();
     return {};
+}
+
+QString SwaySession::terminalOutput() { return runtimeFolder() + QStringLiteral("/terminal.txt"); }
+
+QString SwaySession::recordingTerminal()
+{
+    // No echo and no line editing: the file gets the bytes as the terminal sent them.
+    return QStringLiteral("exec foot -e sh -c 'stty -icanon -echo; exec cat > %1'").arg(terminalOutput());
 }
 
 void SwaySession::stop() { TestSupport::stop(sway_); }

@@ -23,6 +23,10 @@ public:
     QString x11Display() const { return x11Display_; }
     // What a program needs to run as a client of this session, its windows through Xwayland.
     QMap<QString, QString> clientEnvironment() const;
+    // A configuration line starting a foot terminal whose program, `cat`, writes every byte the
+    // terminal sends it (typed keys, pastes) to terminalOutput().
+    static QString recordingTerminal();
+    static QString terminalOutput();
     // Mapped top-level X windows with this title, through Xwayland.
     QList<QRect> x11Windows(const QString& title) const;
 

@@ -7,9 +7,6 @@
 #include "keyboard/x11/X11Clipboard.h"
 #include "storage/Preferences.h"
 
-#include <QClipboard>
-#include <QGuiApplication>
-#include <QMimeData>
 #include <QTimer>
 
 // Xlib last: its macros (None, Bool, Status) clash with Qt's headers.
@@ -337,12 +334,7 @@ bool TextInjector::pasteViaClipboard(const QString& text)
     if (ctrl == 0 || v == 0 || (terminal && shift == 0))
         return false;
     // What this process's own windows copied lives in Qt, which answers on this thread: read it here.
-    std::optional<ClipboardContent> own;
-    if (auto* gui = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
-        const QClipboard* clipboard = gui->clipboard();
-        if (clipboard->ownsClipboard() && clipboard->mimeData())
-            own = ClipboardContent::fromMimeData(*clipboard->mimeData());
-    }
+    std::optional<ClipboardContent> own = ClipboardContent::ownedByThisProcess();
     if (!clipboard_)
         clipboard_ = std::make_unique<X11Clipboard>();
     if (!clipboard_->setForPaste(text, std::move(own)))
