@@ -1,6 +1,7 @@
 #include "app/Application.h"
 #include "app/CleanupCommand.h"
 #include "app/CommandLine.h"
+#include "app/DisplayLoss.h"
 #include "app/SingleInstance.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
@@ -89,6 +90,7 @@ int main(int argc, char** argv)
     QCoreApplication::setOrganizationName(QStringLiteral("Tolvane"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
     app.setQuitOnLastWindowClosed(false);
+    DisplayLoss::install();
     app.setWindowIcon(QIcon(Theme::appIcon(256)));
     Application tolvane;
     if (!tolvane.launch(cl.openSettings)) {

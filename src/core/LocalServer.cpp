@@ -47,6 +47,29 @@ std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint)
     return network;
 }
 
+namespace {
+const char* const exceededProperty = "tolvaneAnswerLimitExceeded";
+}  // namespace
+
+void limitAnswer(QNetworkReply* reply, qint64 limit)
+{
+    auto stop = [reply, limit] {
+        reply->setProperty(exceededProperty, limit);
+        reply->abort();
+    };
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, limit, stop] {
+        if (reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > limit)
+            stop();
+    });
+    // Checked as the bytes arrive, so no more than one network read beyond the limit is ever held.
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [limit, stop](qint64 received, qint64) {
+        if (received > limit)
+            stop();
+    });
+}
+
+QByteArray body(QNetworkReply* reply) { return reply->isOpen() ? reply->readAll() : QByteArray(); }
+
 QString errorMessage(const QByteArray& body)
 {
     QJsonParseError error{};
@@ -61,6 +84,8 @@ QString errorMessage(const QByteArray& body)
 
 QString failure(QNetworkReply* reply, const QByteArray& body)
 {
+    if (const QVariant limit = reply->property(exceededProperty); limit.isValid())
+        return QStringLiteral("the server's answer is larger than %1 MiB, so it was not read").arg(limit.toLongLong() / (1024 * 1024));
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (status >= 300) {
         const QString message = errorMessage(body);

@@ -27,6 +27,16 @@ QString refusal(const QString& endpoint, bool allowRemote, const QString& exampl
 // redirects are not followed, so a local server cannot send what it is given elsewhere.
 std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint);
 
+// The most an answer of a local server may hold. Cleanup answers and transcripts are a few
+// kilobytes; a server that sends without end must not fill the memory.
+constexpr qint64 maxAnswerBytes = 4 * 1024 * 1024;
+// Aborts `reply` as soon as it announces or has received more than `limit` bytes; failure() then
+// says that the answer was too large.
+void limitAnswer(QNetworkReply* reply, qint64 limit = maxAnswerBytes);
+
+// What a finished reply holds; nothing when it was aborted (past the limit, or out of time).
+QByteArray body(QNetworkReply* reply);
+
 // The message of a JSON error answer ({"error": {"message": …}} or {"error": "…"}), if it has one.
 QString errorMessage(const QByteArray& body);
 // What went wrong with a finished reply, in words, or an empty string when it succeeded.

@@ -313,6 +313,7 @@ void Transport::send(int index, const QByteArray& wav)
     request.setRawHeader("Accept", "application/json");
     QNetworkReply* reply = network().post(request, multipart);
     multipart->setParent(reply);
+    LocalServer::limitAnswer(reply);
 
     auto* timer = new QTimer(reply);
     timer->setSingleShot(true);
@@ -336,7 +337,7 @@ void Transport::finished(QNetworkReply* reply, int index, bool timedOut)
                           .arg(segment, config_.endpoint, seconds(config_.requestTimeout)));
         return;
     }
-    const QByteArray body = reply->readAll();
+    const QByteArray body = LocalServer::body(reply);
     if (const QString why = LocalServer::failure(reply, body); !why.isEmpty()) {
         owner_.failed(QStringLiteral("error — %1 of %2: %3").arg(segment, config_.endpoint, why));
         return;
@@ -389,6 +390,7 @@ QCoro::Task<ServerSpeechEngine::Availability> ServerSpeechEngine::checkAvailabil
 
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
     std::unique_ptr<QNetworkReply> reply(network->get(QNetworkRequest(QUrl(TranscriptionApi::probeUrl(endpoint)))));
+    LocalServer::limitAnswer(reply.get());
     const bool finished = co_await qCoro(reply.get()).waitForFinished(config.availabilityTimeout);
     if (!finished) {
         reply->abort();
@@ -399,7 +401,7 @@ QCoro::Task<ServerSpeechEngine::Availability> ServerSpeechEngine::checkAvailabil
     // no answer at all counts against it.
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (status == 0 || status >= 500) {
-        result.reason = endpoint + QStringLiteral(": ") + LocalServer::failure(reply.get(), reply->readAll());
+        result.reason = endpoint + QStringLiteral(": ") + LocalServer::failure(reply.get(), LocalServer::body(reply.get()));
         co_return result;
     }
     result.available = true;

@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -82,16 +83,41 @@ private:
             return;
         // Opened and closed per line so the file can be moved or deleted while Tolvane runs.
         QFile file(path_);
-        if (file.exists() && file.open(QIODevice::WriteOnly | QIODevice::Append)) {
-            file.write(line);
+        QString error;
+        if (!file.exists()) {
+            // Unbuffered: a buffered QSaveFile misses a failure of its last flush and commits anyway.
+            QSaveFile first(path_);
+            if (!first.open(QIODevice::WriteOnly | QIODevice::Unbuffered) || first.write(line) != line.size() || !first.commit())
+                error = first.errorString();
+        } else if (!file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
+            error = file.errorString();  // never replaced then: it holds everything logged so far
+        } else {
+            const qint64 before = file.size();
+            if (file.write(line) != line.size()) {
+                error = file.errorString();
+                file.resize(before);  // a full disk keeps whole lines only: no cut one at the end
+            }
             file.close();
+        }
+        reportFailure(error);
+    }
+
+    // A log that cannot be written says so once on standard error, and again only after it worked
+    // in between: a full disk must not double every line on the terminal.
+    void reportFailure(const QString& error)
+    {
+        if (error.isEmpty()) {
+            failing_ = false;
             return;
         }
-        QSaveFile first(path_);
-        if (first.open(QIODevice::WriteOnly)) {
-            first.write(line);
-            first.commit();
-        }
+        if (std::exchange(failing_, true))
+            return;
+        const QByteArray notice =
+            QStringLiteral("Tolvane: diagnostics: could not write %1 (%2); the log misses lines until it can be written again\n")
+                .arg(path_, error)
+                .toUtf8();
+        std::fwrite(notice.constData(), 1, static_cast<size_t>(notice.size()), stderr);
+        std::fflush(stderr);
     }
 
     const QString path_;
@@ -106,6 +132,7 @@ private:
     quint64 queued_ = 0;
     quint64 written_ = 0;
     bool stopping_ = false;
+    bool failing_ = false;  // writer thread only
     std::thread thread_;
 };
 

@@ -11,9 +11,14 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QStringDecoder>
 #include <QThread>
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -67,17 +72,40 @@ QByteArray encodeLine(const TranscriptEntry& e)
 }
 
 // Replaces the file whole: the new text goes to a temporary file beside it, which is renamed over
-// the old one only once it is complete, so a crash or a full disk never leaves a partial history.
+// the old one only once it is complete and on disk, so a crash or a full disk never leaves a partial
+// history. A failure says so in one line; the previous file stays as it was.
 void writeWhole(const QString& path, const QByteArray& contents)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    // QSaveFile takes a short write (disk full, file size limit) for success, so check the count.
-    if (file.write(contents) != contents.size())
+    QString error;
+    // Unbuffered, so a full disk shows in the write's count: a buffered QSaveFile loses the
+    // failure of its last flush and commits a cut file.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+        error = file.errorString();
+    } else if (file.write(contents) != contents.size() || ::fdatasync(file.handle()) != 0) {
+        error = file.error() != QFileDevice::NoError ? file.errorString() : QString::fromLocal8Bit(std::strerror(errno));
         file.cancelWriting();
-    file.commit();  // after any failure it discards the temporary file; the previous file stays
+        file.commit();  // discards the temporary file
+    } else if (!file.commit()) {
+        error = file.errorString();
+    }
+    if (!error.isEmpty())
+        Diagnostics::log(QStringLiteral("history: could not write %1 (%2); the file keeps what it held before").arg(path, error));
+}
+
+// A writer killed in the middle of a write leaves its temporary file ("transcripts.jsonl.XXXXXX")
+// behind. The program's own store is the file's only writer, so when it starts any such file is
+// stale. (Other instances only read, and must not touch a running writer's file.)
+void removeStaleTemporaryFiles(const QString& path)
+{
+    const QFileInfo file(path);
+    QDir dir = file.absoluteDir();
+    static const QRegularExpression temporary(QStringLiteral("^\\.[A-Za-z0-9]{6}$"));
+    for (const QString& name : dir.entryList({file.fileName() + QStringLiteral(".*")}, QDir::Files | QDir::Hidden)) {
+        if (temporary.match(QStringView(name).mid(file.fileName().size())).hasMatch())
+            dir.remove(name);
+    }
 }
 
 }  // namespace
@@ -98,7 +126,10 @@ struct TranscriptStore::Private {
 
 TranscriptStore& TranscriptStore::shared()
 {
-    static TranscriptStore* instance = new TranscriptStore();  // lives until the process ends
+    static TranscriptStore* instance = [] {
+        removeStaleTemporaryFiles(fileURL());
+        return new TranscriptStore();  // lives until the process ends
+    }();
     return *instance;
 }
 

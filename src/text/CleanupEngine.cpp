@@ -78,6 +78,7 @@ QCoro::Task<Probe> probe(QString endpoint, QString wantedModel, bool allowRemote
 
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
     std::unique_ptr<QNetworkReply> reply(network->get(jsonRequest(endpoint + QStringLiteral("/models"))));
+    LocalServer::limitAnswer(reply.get());
     const bool finished = co_await qCoro(reply.get()).waitForFinished(CleanupEngine::availabilityTimeout);
     if (!finished) {
         reply->abort();
@@ -86,7 +87,7 @@ QCoro::Task<Probe> probe(QString endpoint, QString wantedModel, bool allowRemote
                             .arg(endpoint)
                             .arg(CleanupEngine::availabilityTimeout.count() / 1000)};
     }
-    const QByteArray body = reply->readAll();
+    const QByteArray body = LocalServer::body(reply.get());
     if (const QString why = LocalServer::failure(reply.get(), body); !why.isEmpty())
         co_return Probe{false, {}, endpoint + QStringLiteral(": ") + why};
     const auto ids = ChatCompletions::modelIds(body);
@@ -113,9 +114,10 @@ QCoro::Task<Generation> generate(QString endpoint, QString model, QString instru
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
     std::unique_ptr<QNetworkReply> reply(network->post(jsonRequest(endpoint + QStringLiteral("/chat/completions")),
                                                        ChatCompletions::requestBody(model, instructions, prompt)));
+    LocalServer::limitAnswer(reply.get());
     // No time limit: a large model on a slow machine may take minutes, and the caller waits.
     co_await reply.get();
-    const QByteArray body = reply->readAll();
+    const QByteArray body = LocalServer::body(reply.get());
     if (const QString why = LocalServer::failure(reply.get(), body); !why.isEmpty())
         co_return Generation{{}, why};
     const auto content = ChatCompletions::answerContent(body);

@@ -4,13 +4,18 @@
 #include "storage/TranscriptStore.h"
 #include "support/TestSupport.h"
 
+#include "HistoryRecord.h"
+
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTest>
+#include <QThread>
 
 #include <csignal>
 #include <sys/resource.h>
@@ -260,6 +265,47 @@ private Q_SLOTS:
         store.clear();
         store.waitForWrites();
         QVERIFY(QFile::exists(path_) && readBytes(path_).isEmpty() && store.entries().isEmpty());
+    }
+
+    // SIGKILL at random moments while the program's store rewrites the history again and again:
+    // after every kill the file is one whole state the writer made (the newest records, numbered
+    // without a gap, each whole); the killed write's temporary file goes at the next start.
+    void killedWriterLeavesAWholeFile()
+    {
+        path_ = TranscriptStore::fileURL();
+        constexpr int retention = 20;
+        Preferences::shared().setHistoryRetention(retention);
+        const auto folder = [&] {
+            return QDir(QFileInfo(path_).absolutePath()).entryList({QStringLiteral("transcripts.jsonl*")}, QDir::Files | QDir::Hidden);
+        };
+        int last = -1;
+        for (int round = 0; round < 200; ++round) {
+            QProcess writer;
+            writer.start(QStringLiteral(TOLVANE_HISTORY_WRITER), {});
+            QVERIFY(writer.waitForReadyRead(10000));
+            QThread::usleep(QRandomGenerator::global()->bounded(20000));
+            writer.kill();
+            QVERIFY(writer.waitForFinished(10000));
+            const QString where = QStringLiteral("after kill %1").arg(round + 1);
+            const QByteArray bytes = readBytes(path_);
+            QVERIFY2(bytes.isEmpty() || bytes.endsWith('\n'), qPrintable(where));
+            QList<int> numbers;
+            for (const QString& text : onDisk(path_))
+                numbers << HistoryRecord::number(text);
+            QVERIFY2(numbers.isEmpty() || numbers.size() == std::min(numbers.last() + 1, retention), qPrintable(where));
+            for (qsizetype i = 0; i < numbers.size(); ++i)
+                QVERIFY2(numbers[i] >= 0 && numbers[i] == numbers.last() - numbers.size() + 1 + i, qPrintable(where));
+            QVERIFY2(numbers.value(numbers.size() - 1, -1) >= last, qPrintable(where));  // never an older state
+            last = numbers.value(numbers.size() - 1, -1);
+            // The killed write's temporary file, if any, is removed by the next store on the file.
+            QVERIFY2(folder().size() <= 2, qPrintable(folder().join(QLatin1Char(' '))));
+        }
+        QVERIFY2(last >= 20, "the writer hardly wrote: the kills did not land among writes");
+        QProcess opened;
+        opened.start(QStringLiteral(TOLVANE_HISTORY_WRITER), {QStringLiteral("--open")});
+        QVERIFY(opened.waitForFinished(10000));
+        QCOMPARE(opened.readAllStandardOutput(), QByteArray::number(retention) + '\n');
+        QCOMPARE(folder(), QStringList{QStringLiteral("transcripts.jsonl")});
     }
 };
 

@@ -7,8 +7,39 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#include <utility>
+
 namespace {
 const char* const bufferProperty = "loopbackHttpBuffer";
+
+// Writes a body piece by piece, the next only once the last has left, so an endless or huge body
+// costs the server no memory. Lives as long as its connection.
+class BodyStream final : public QObject {
+public:
+    BodyStream(QTcpSocket* socket, std::function<QByteArray()> more, int paceMs)
+        : QObject(socket), socket_(socket), more_(std::move(more)), paceMs_(paceMs)
+    {
+        connect(socket, &QTcpSocket::bytesWritten, this, [this] {
+            if (socket_->bytesToWrite() == 0 && !std::exchange(scheduled_, true))
+                QTimer::singleShot(paceMs_, this, &BodyStream::next);
+        });
+    }
+    void next()
+    {
+        scheduled_ = false;
+        const QByteArray piece = more_();
+        if (piece.isEmpty())
+            socket_->disconnectFromHost();
+        else
+            socket_->write(piece);
+    }
+
+private:
+    QTcpSocket* socket_;
+    std::function<QByteArray()> more_;
+    int paceMs_;
+    bool scheduled_ = false;
+};
 }  // namespace
 
 QJsonObject LoopbackHttpServer::Request::json() const { return QJsonDocument::fromJson(body).object(); }
@@ -96,11 +127,16 @@ void LoopbackHttpServer::respond(QTcpSocket* socket, const Response& response)
         if (!guarded)
             return;
         // The reason phrase is not read by clients; the status code is.
+        const qint64 length = response.more ? response.length : response.body.size();
         QByteArray bytes = "HTTP/1.1 " + QByteArray::number(response.status) + (response.status == 200 ? " OK" : " Error")
-                           + "\r\nContent-Type: application/json\r\nContent-Length: "
-                           + QByteArray::number(response.body.size()) + "\r\nConnection: close\r\n\r\n" + response.body;
+                           + "\r\nContent-Type: application/json\r\n"
+                           + (length >= 0 ? "Content-Length: " + QByteArray::number(length) + "\r\n" : QByteArray())
+                           + "Connection: close\r\n\r\n" + response.body;
         guarded->write(bytes);
-        guarded->disconnectFromHost();
+        if (response.more)
+            (new BodyStream(guarded, response.more, response.paceMs))->next();
+        else
+            guarded->disconnectFromHost();
     };
     if (response.delayMs == held)
         held_ << send;

@@ -30,6 +30,12 @@ public:
         int status = 200;
         QByteArray body;
         int delayMs = 0;  // answer this much later; held: only when releaseHeld() is called
+        // More of the body after `body`, one piece whenever the last one has left, `paceMs` apart,
+        // until it returns nothing. The answer then announces `length` (none when negative: the
+        // body ends when the connection closes).
+        std::function<QByteArray()> more;
+        int paceMs = 0;
+        qint64 length = -1;
     };
     static constexpr int held = -1;
 
