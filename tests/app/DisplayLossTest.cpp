@@ -76,9 +76,12 @@ class DisplayLossTest : public QObject {
         QVERIFY(tolvane_.waitForFinished(20000));
         QCOMPARE(tolvane_.exitStatus(), QProcess::NormalExit);
         QCOMPARE(tolvane_.exitCode(), 1);
+        // Qt Multimedia may still warn about the sound server as the program closes; Tolvane's own
+        // last line is the one, and no other line speaks of the display.
         const QStringList after = QString::fromUtf8(tolvane_.readAllStandardError()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        QCOMPARE(after.value(after.size() - 1), QStringLiteral("Tolvane: ") + why);
-        QVERIFY2(after.filter(QRegularExpression(QStringLiteral("^(?!Tolvane: )|X11|display"))).size() == 1, qPrintable(after.join(QLatin1Char('\n'))));
+        const QStringList own = after.filter(QRegularExpression(QStringLiteral("^Tolvane: ")));
+        QCOMPARE(own.value(own.size() - 1), QStringLiteral("Tolvane: ") + why);
+        QVERIFY2(after.filter(QRegularExpression(QStringLiteral("X11|display"))).size() == 1, qPrintable(after.join(QLatin1Char('\n'))));
         QCOMPARE(TestSupport::logMessages().last(), why);
         TestSupport::waitUntil([&] { return soundStreams() == before_; });
         QCOMPARE(soundStreams(), before_);
