@@ -5,6 +5,9 @@
 
 #include <QtGlobal>
 
+#include <cstdio>
+#include <cstdlib>
+
 namespace DisplayLoss {
 
 namespace {
@@ -17,11 +20,16 @@ void handle(QtMsgType type, const QMessageLogContext& context, const QString& me
             previous(type, context, message);
         return;
     }
-    // Qt ends the process with exit(1) as soon as this returns; the log and the history are
-    // written by threads of their own, which exit() would not wait for.
+    // Qt would end the process with exit(1) as soon as this returns; the log and the history are
+    // written by threads of their own, which exit() would not wait for. Nor would it stop the
+    // audio thread, which then reads from Qt Multimedia's sound-server state as exit() destroys
+    // it: once what matters is on disk the process ends at once, and the kernel closes the sound
+    // server's connection with its streams.
     Diagnostics::log(logLine(message));
     TranscriptStore::shared().waitForWrites();
     Diagnostics::flush();
+    std::fflush(nullptr);
+    std::_Exit(1);
 }
 }  // namespace
 

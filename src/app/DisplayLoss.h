@@ -4,7 +4,7 @@
 
 // When the X server goes away under Tolvane (the session ended, Xvfb or Xwayland died), Qt says so
 // on standard error and ends the process with status 1. This makes that end Tolvane's own: one
-// diagnostic line saying why, and the history writes still queued on disk first.
+// diagnostic line saying why, the history writes still queued on disk first, then status 1.
 namespace DisplayLoss {
 
 // Takes over Qt's messages for the rest of the process; every other message goes on as before.
