@@ -130,6 +130,13 @@ std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, d
 
 // About ten seconds each, with the phrase breaks festival puts in a long sentence. Made on first use:
 // benchmarks copy them into globals of their own, which may be initialised before this file's.
+void print(const QString& line)
+{
+    std::fputs(line.toUtf8().constData(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
 const QStringList& longSentences()
 {
     static const QStringList sentences{

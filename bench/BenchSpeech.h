@@ -38,6 +38,9 @@ const QStringList& longSentences();
 // Returns only when it already runs there, or with a message when it cannot.
 void runInSandbox(int argc, char** argv, bool xvfb);
 
+// One line to standard output at once, so a long run shows its progress as it goes.
+void print(const QString& line);
+
 QStringList words(const QString& text);
 // Word-level edit distance between reference and hypothesis.
 int wordErrors(const QStringList& reference, const QStringList& hypothesis);

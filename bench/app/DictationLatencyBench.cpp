@@ -95,12 +95,7 @@ QString fixed(double v, int decimals = 0)
     return std::isnan(v) ? QStringLiteral("—") : QString::number(v, 'f', decimals);
 }
 
-void print(const QString& line)
-{
-    std::fputs(line.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
+using BenchSpeech::print;
 
 // The diagnostic log's lines from `from` on, as (time, message).
 struct LogLine {

@@ -38,12 +38,7 @@ const QStringList sentences = {
     QStringLiteral("the train to the city leaves at seven fifteen from platform four"),
 };
 
-void print(const QString& line)
-{
-    std::fputs(line.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
+using BenchSpeech::print;
 
 QByteArray terminalBytes()
 {
