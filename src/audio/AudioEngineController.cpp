@@ -56,12 +56,6 @@ void AudioEngineController::stop()
         return;
     removeConfigObserver();
     source_->stop();
-    // The resampler's held-back samples are the last few milliseconds before the key came up.
-    if (tap_ && tap_->converter) {
-        AudioBuffer rest = tap_->converter->finishStream();
-        if (!rest.samples.empty() && onBuffer)
-            onBuffer(std::move(rest));
-    }
     running_ = false;
     meter_.resetLevel();
     if (onAmplitude)

@@ -14,7 +14,6 @@
 #include <exception>
 #include <future>
 #include <optional>
-#include <thread>
 
 struct MicrophoneSource::Capture {
     std::function<void()> notify;  // reports a change to the GUI thread; any thread
@@ -52,20 +51,6 @@ struct MicrophoneSource::Capture {
                     handler(block);
             }
         }
-    }
-
-    // Hands over what the device still holds, the last block shorter, as the capture stops: people
-    // let go of the key as they finish the last word, and its end is in there.
-    void drainTail()
-    {
-        const std::size_t frameBytes = sizeof(float) * static_cast<std::size_t>(block.format.channelCount);
-        drain();
-        const std::size_t whole = filledBytes / frameBytes * frameBytes;
-        filledBytes = 0;
-        if (whole == 0 || !handler)
-            return;
-        const auto end = block.samples.begin() + static_cast<std::ptrdiff_t>(whole / sizeof(float));
-        handler(AudioBuffer{block.format, std::vector<float>(block.samples.begin(), end)});
     }
 };
 
@@ -256,20 +241,11 @@ void MicrophoneSource::stop()
     if (!started_)
         return;
     started_ = false;
-    const int ending = capture_->session.load();
     ++capture_->session;
-    // The tail goes to the handler only while stop() waits for it: should the sound server keep the
-    // audio thread past the wait, the tail is given up rather than delivered after stop() returned.
-    auto tail = std::make_shared<std::atomic<int>>(0);  // 0 open, 1 being delivered, 2 done or given up
     try {
         onAudioThread(
-            [capture = capture_, ending, tail] {
+            [capture = capture_] {
                 Capture& c = *capture;
-                int open = 0;
-                if (c.runningSession == ending && tail->compare_exchange_strong(open, 1)) {
-                    c.drainTail();
-                    tail->store(2);
-                }
                 if (c.audio)
                     c.audio->stop();
                 c.io = nullptr;
@@ -280,10 +256,6 @@ void MicrophoneSource::stop()
             },
             QStringLiteral("closing the microphone"));
     } catch (const CollaboratorError& error) {
-        int open = 0;
-        if (!tail->compare_exchange_strong(open, 2))
-            while (tail->load() != 2)
-                std::this_thread::yield();  // the tail is being handed over this moment
         Diagnostics::log(QStringLiteral("audio: ") + error.localizedDescription());
     }
 }
