@@ -13,7 +13,9 @@
 #include <QStandardPaths>
 
 #include <pocketsphinx.h>
+#include <sphinxbase/cmn.h>
 #include <sphinxbase/err.h>
+#include <sphinxbase/feat.h>
 #include <sphinxbase/ngram_model.h>
 
 #ifdef __GLIBC__
@@ -265,6 +267,7 @@ protected:
         if (!quiet.empty() && ps_process_raw(ps, quiet.data(), quiet.size(), FALSE, FALSE) < 0)
             throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
         splitter_.begin(quiet);
+        keepNormalisation();
     }
 
     void decode(const AudioBuffer& buffer) override
@@ -322,17 +325,33 @@ private:
         splitter_.segmentEnded();
         const char* hyp = ps_get_hyp(ps, nullptr);
         const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
-        if (!text.isEmpty())
+        if (!text.isEmpty()) {
             emitResult(text, true);
-        else if (!lastVolatile_.isEmpty())
-            emitResult(QString(), false);  // withdraw a hypothesis that came to nothing (a cough)
+            keepNormalisation();
+        } else {
+            if (!lastVolatile_.isEmpty())
+                emitResult(QString(), false);  // withdraw a hypothesis that came to nothing (a cough)
+            // The voice-activity detector takes the hiss of a quiet room, as the key goes down or
+            // while the user waits to speak, for speech now and then. Normalised against such a
+            // segment, the next real words are garbled ("pick up milk…" heard as "the old way").
+            cmn_live_set(ps_get_feat(ps)->cmn_struct, normalisation_.data());
+        }
         lastVolatile_.clear();
+    }
+
+    // The cepstral mean as it stood after the last segment that held words.
+    void keepNormalisation()
+    {
+        cmn_t* cmn = ps_get_feat(engine_->decoder_)->cmn_struct;
+        normalisation_.resize(static_cast<size_t>(cmn->veclen));
+        cmn_live_get(cmn, normalisation_.data());
     }
 
     std::shared_ptr<PocketsphinxEngine> engine_;
     std::unique_lock<std::mutex> busy_;
     std::vector<int16> pcm_;
     SegmentSplitter splitter_;
+    std::vector<mfcc_t> normalisation_;
     QString lastVolatile_;
     bool claimed_ = false;
     bool uttOpen_ = false;

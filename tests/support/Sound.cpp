@@ -253,8 +253,10 @@ void PipeMicrophone::feed()
                     said_ = Clock::now();
             }
         }
-        for (int i = spoken; i < step; ++i)  // hiss where nothing is said
-            chunk[i] = hiss(noise);
+        // The hiss is under the speech too: synthesised speech has stretches of digital silence,
+        // which no microphone gives.
+        for (int i = 0; i < step; ++i)
+            chunk[i] = static_cast<qint16>(std::clamp((i < spoken ? chunk[i] : 0) + hiss(noise), -32768, 32767));
         if (::write(fd, chunk, sizeof chunk) < 0 && errno != EAGAIN)
             break;
         std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * n));
