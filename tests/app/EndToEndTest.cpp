@@ -21,10 +21,7 @@ const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, 
               // Heard as "nice and the quarterly report" when the decoder's first frames are speech.
               eager = QStringLiteral("please send the quarterly report to the finance team");
 
-int wordsHeard(const QString& said, const QString& arrived)
-{
-    return SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(arrived));
-}
+using SpeechTest::wordsHeard;
 
 // The transcript tolvane saved last, once the history holds `count` of them.
 QString savedTranscript(qsizetype count)

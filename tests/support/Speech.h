@@ -22,5 +22,7 @@ std::vector<float> withoutSilence(const std::vector<float>& samples);
 QStringList words(const QString& text);
 // How many of `expected`'s words appear in `actual`, in order (longest common subsequence).
 int wordsInOrder(const QStringList& expected, const QStringList& actual);
+// How many of the words `said` arrived, in order, in `arrived`.
+inline int wordsHeard(const QString& said, const QString& arrived) { return wordsInOrder(words(said), words(arrived)); }
 
 }  // namespace SpeechTest

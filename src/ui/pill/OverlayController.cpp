@@ -26,7 +26,7 @@ void OverlayController::build()
     // A tool window without frame, above everything, that the window manager never focuses; shown
     // without activating so the focused application keeps its text field.
     auto* panel = new QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
-                                           Qt::WindowDoesNotAcceptFocus);
+                                           Qt::WindowDoesNotAcceptFocus | X11Desktop::overlayHint());
     panel->setWindowTitle(QStringLiteral("Tolvane"));
     panel->setAttribute(Qt::WA_TranslucentBackground);
     panel->setAttribute(Qt::WA_ShowWithoutActivating);

@@ -6,7 +6,7 @@
 
 PillShadow::PillShadow()
     : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus |
-                           Qt::WindowTransparentForInput)
+                           Qt::WindowTransparentForInput | X11Desktop::overlayHint())
 {
     setWindowTitle(QStringLiteral("Tolvane shadow"));
     setAttribute(Qt::WA_TranslucentBackground);

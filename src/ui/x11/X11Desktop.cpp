@@ -1,5 +1,7 @@
 #include "ui/x11/X11Desktop.h"
 
+#include "keyboard/evdev/InputAccess.h"
+
 #include <QByteArray>
 #include <QGuiApplication>
 #include <QWidget>
@@ -55,6 +57,11 @@ std::vector<Atom> atomList(Display* dpy, Window w, Atom property)
 }
 
 }  // namespace
+
+Qt::WindowFlags overlayHint()
+{
+    return InputAccess::waylandSession() ? Qt::X11BypassWindowManagerHint : Qt::WindowFlags();
+}
 
 bool isX11()
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Qt>
+
 class QByteArray;
 class QWidget;
 
@@ -18,6 +20,11 @@ bool canOpenDisplay(const QByteArray& name);
 void setSkipTaskbar(QWidget* window, bool skip);
 // A compositing manager runs, so translucent window pixels are blended with what lies below.
 bool compositingActive();
+// What an overlay adds to its window flags. In a Wayland session it is left out of the window
+// manager's hands (override-redirect): sway focuses every new managed Xwayland window, taking the
+// keys from the application being dictated into. Qt's tool type (_NET_WM_WINDOW_TYPE_UTILITY)
+// tells the compositor not to focus an unmanaged one.
+Qt::WindowFlags overlayHint();
 // An XEmbed system tray (_NET_SYSTEM_TRAY_S<screen>) is there to hold icons.
 bool systemTrayOwned();
 
