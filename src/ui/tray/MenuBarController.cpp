@@ -208,6 +208,17 @@ bool MenuBarController::trayHostPresent()
     return X11Desktop::systemTrayOwned();
 }
 
+bool MenuBarController::notify(const QString& title, const QString& text)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Notifications"),
+                                                       QStringLiteral("/org/freedesktop/Notifications"),
+                                                       QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
+    call << QStringLiteral("Tolvane") << 0u << QStringLiteral("tolvane") << title << text << QStringList() << QVariantMap()
+         << 0;  // stays until the user closes it
+    const QDBusReply<uint> id = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
+    return id.isValid();
+}
+
 void MenuBarController::explainMissingTray()
 {
     Preferences& prefs = Preferences::shared();
@@ -220,11 +231,17 @@ void MenuBarController::explainMissingTray()
                                "gnome-shell-extension-appindicator, log out and in, and turn on \"AppIndicator and "
                                "KStatusNotifierItem Support\" in the Extensions app.")
               : QStringLiteral("Add a system tray (status notifier) to your desktop's panel to see it there.");
-    auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("Tolvane's menu is on the pill"),
-                                QStringLiteral("Your desktop shows no tray icons, so Tolvane's menu opens with a "
-                                               "right-click on the pill. Settings and Quit are also in Tolvane's entry "
-                                               "in the applications menu.\n\n") + addTray,
-                                QMessageBox::Ok);
+    const QString title = QStringLiteral("Tolvane's menu is on the pill");
+    const QString text = QStringLiteral("Your desktop shows no tray icons, so Tolvane's menu opens with a right-click on the "
+                                        "pill. Settings and Quit are also in Tolvane's entry in the applications menu.\n\n")
+                         + addTray;
+    // Compositors such as sway focus every new window, whatever it asks: a message box would take
+    // the keys from whatever the user is typing into. A desktop notification never does.
+    if (X11Desktop::overlayHint() && notify(title, text)) {
+        Diagnostics::log(QStringLiteral("menubar: told the user the menu is on the pill (desktop notification)"));
+        return;
+    }
+    auto* box = new QMessageBox(QMessageBox::Information, title, text, QMessageBox::Ok);
     box->setObjectName(QStringLiteral("noTrayNotice"));
     box->setAttribute(Qt::WA_DeleteOnClose);
     // It comes up on its own, perhaps while the user types: it must not take the keyboard.

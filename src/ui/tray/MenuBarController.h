@@ -84,6 +84,8 @@ private:
     QIcon restingIcon() const;
     void showIcon();
     void explainMissingTray();
+    // Shows a desktop notification; false when no notification service answered.
+    static bool notify(const QString& title, const QString& text);
 
     EntriesSource entries_;
     QSystemTrayIcon* statusItem_ = nullptr;

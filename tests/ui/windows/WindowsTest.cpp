@@ -130,6 +130,55 @@ Q_SIGNALS:
     void StatusNotifierHostRegistered();
 };
 
+// A D-Bus service of the test's own on a connection of its own, answering from its own thread (the
+// code under test calls it blocking). Takes `object` and deletes it.
+class BusService {
+public:
+    BusService(QObject* object, const QString& path, const QString& service) : object_(object), name_(service)
+    {
+        thread_.start();
+        object->moveToThread(&thread_);
+        QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, name_);
+        // Registered from the object's own thread: what Qt D-Bus attaches to it becomes its child and goes
+        // with it (from another thread that parent is refused and the helper object is never freed).
+        bool exported = false;
+        QMetaObject::invokeMethod(object, [&] {
+            exported = bus.registerObject(path, object, QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
+                                                            QDBusConnection::ExportAllSignals);
+        }, Qt::BlockingQueuedConnection);
+        ok = exported && bus.registerService(service);
+    }
+    ~BusService()
+    {
+        // The object goes in its own thread (as the thread ends) while its connection still stands.
+        object_->deleteLater();
+        thread_.quit();
+        thread_.wait();
+        QDBusConnection::disconnectFromBus(name_);
+    }
+    bool ok = false;
+
+private:
+    QObject* object_;
+    QString name_;
+    QThread thread_;
+};
+
+class NotificationDaemon final : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    std::atomic<bool> notified{false};
+    QString summary;  // read once notified
+public Q_SLOTS:
+    uint Notify(const QString&, uint, const QString&, const QString& title, const QString&, const QStringList&, const QVariantMap&, int)
+    {
+        summary = title;
+        notified = true;
+        return 1;
+    }
+};
+
 class WindowsTest : public QObject {
     Q_OBJECT
     using Outcome = UpdateChecker::Result::Outcome;
@@ -616,29 +665,27 @@ private Q_SLOTS:
         QCOMPARE(notices().size(), 1);
         QVERIFY(notices().first().contains(QStringLiteral("gnome-shell-extension-appindicator")));
 
+        // In a Wayland session, where the compositor may focus any new window, the user is told by a
+        // desktop notification, which takes no keys.
+        Preferences::shared().setValue(Settings::noTrayExplained, false);
+        qputenv("XDG_SESSION_TYPE", "wayland");
+        const auto x11Again = qScopeGuard([] { qunsetenv("XDG_SESSION_TYPE"); });
+        auto* daemon = new NotificationDaemon;
+        {
+            const BusService notifications(daemon, QStringLiteral("/org/freedesktop/Notifications"), QStringLiteral("org.freedesktop.Notifications"));
+            QVERIFY2(notifications.ok, "no private session bus");
+            MenuBarController third;
+            third.noTrayNoticeDelayMs = 0;
+            third.install();
+            QVERIFY(waitUntil([&] { return daemon->notified.load(); }));
+            QCOMPARE(daemon->summary, QStringLiteral("Tolvane's menu is on the pill"));
+            QCOMPARE(notices().size(), 1);  // still only the X11 session's box
+        }
+
         // A panel with a tray starts: the icon registers with it, no relaunch needed.
         auto* watcher = new StatusNotifierWatcher;
-        QThread panelThread;
-        panelThread.start();
-        watcher->moveToThread(&panelThread);
-        const auto stopPanel = qScopeGuard([&] {
-            // The watcher goes in its own thread (as the thread ends) while its connection still stands.
-            watcher->deleteLater();
-            panelThread.quit();
-            panelThread.wait();
-            QDBusConnection::disconnectFromBus(QStringLiteral("panel"));
-        });
-        QDBusConnection panel = QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("panel"));
-        // Registered from the watcher's own thread: what Qt D-Bus attaches to it becomes its child and goes
-        // with it (from another thread that parent is refused and the helper object is never freed).
-        bool exported = false;
-        QMetaObject::invokeMethod(watcher, [&] {
-            exported = panel.registerObject(QStringLiteral("/StatusNotifierWatcher"), watcher,
-                                            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
-                                                QDBusConnection::ExportAllSignals);
-        }, Qt::BlockingQueuedConnection);
-        QVERIFY(exported);
-        QVERIFY2(panel.registerService(QStringLiteral("org.kde.StatusNotifierWatcher")), "no private session bus");
+        const BusService panel(watcher, QStringLiteral("/StatusNotifierWatcher"), QStringLiteral("org.kde.StatusNotifierWatcher"));
+        QVERIFY2(panel.ok, "no private session bus");
         bool appeared = false;
         bar.onTrayAppeared = [&] { appeared = true; };
         QVERIFY(waitUntil([&] { return watcher->registered > 0; }));
