@@ -235,49 +235,39 @@ double statusMB(const char* field)
 double residentMB() { return statusMB("VmRSS:"); }
 double peakResidentMB() { return statusMB("VmHWM:"); }
 
-BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings) : settings_(settings), splitter_(settings.splitAfter, settings.splitPause)
+BareDecoder::BareDecoder(const PocketsphinxEngine::Settings& settings) : settings_(settings)
 {
     const auto model = PocketsphinxEngine::Model::inFolder(QStringLiteral("/usr/share/pocketsphinx/model/en-us"), QStringLiteral("en-us"));
     if (!model || !(ps_ = PocketsphinxEngine::createDecoder(*model, settings)))
         qFatal("the decoder could not be made: pocketsphinx-en-us is needed");
 }
 
-BareDecoder::~BareDecoder() { ps_free(ps_); }
+BareDecoder::~BareDecoder()
+{
+    session_.reset();
+    ps_free(ps_);
+}
 
 void BareDecoder::begin()
 {
     heard_.clear();
-    inSegment_ = false;
-    ps_start_stream(ps_);
-    ps_start_utt(ps_);
-    const std::vector<std::int16_t> quiet = PocketsphinxEngine::leadIn(settings_);
-    ps_process_raw(ps_, quiet.data(), quiet.size(), FALSE, FALSE);
-    splitter_.begin(quiet);
+    session_.emplace(ps_, settings_);
+    session_->begin();
 }
 
 void BareDecoder::feed(const std::int16_t* samples, size_t count, bool withPartial)
 {
-    ps_process_raw(ps_, samples, count, FALSE, FALSE);
-    const bool split = splitter_.shouldEnd(samples, count);
-    if (ps_get_in_speech(ps_) && !split) {
-        inSegment_ = true;
-        if (withPartial)
-            ps_get_hyp(ps_, nullptr);
-    } else if (inSegment_) {
-        ps_end_utt(ps_);
-        if (const char* hyp = ps_get_hyp(ps_, nullptr))
-            heard_ << QString::fromUtf8(hyp);
-        ps_start_utt(ps_);
-        inSegment_ = false;
-        splitter_.segmentEnded();
-    }
+    if (const std::optional<QString> ended = session_->feed(samples, count); ended && !ended->isEmpty())
+        heard_ << *ended;
+    else if (withPartial && session_->inSegment())
+        session_->hypothesis();
 }
 
 QString BareDecoder::end()
 {
-    ps_end_utt(ps_);
-    if (const char* hyp = ps_get_hyp(ps_, nullptr))
-        heard_ << QString::fromUtf8(hyp);
+    if (const QString last = session_->end(); !last.isEmpty())
+        heard_ << last;
+    session_.reset();
     return heard_.join(QLatin1Char(' '));
 }
 

@@ -3,13 +3,14 @@
 // What the speech benchmarks share: the spoken sentences (synthesised once with festival's HTS
 // voice and kept in a cache folder), word error counting and small statistics.
 
-#include "speech/PauseDetector.h"
+#include "speech/DecoderSession.h"
 #include "speech/PocketsphinxEngine.h"
 
 #include <QString>
 #include <QStringList>
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 struct ps_decoder_s;
@@ -66,9 +67,8 @@ public:
 
 private:
     PocketsphinxEngine::Settings settings_;
-    SegmentSplitter splitter_;
     ps_decoder_s* ps_ = nullptr;
-    bool inSegment_ = false;
+    std::optional<DecoderSession> session_;
     QStringList heard_;
 };
 

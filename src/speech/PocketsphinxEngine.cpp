@@ -1,8 +1,8 @@
 #include "speech/PocketsphinxEngine.h"
 
 #include "core/Collaborators.h"
+#include "speech/DecoderSession.h"
 #include "speech/DecodingAnalyzer.h"
-#include "speech/PauseDetector.h"
 #include "speech/PronouncingDictionary.h"
 #include "speech/SpeechFormat.h"
 #include "storage/Diagnostics.h"
@@ -13,9 +13,7 @@
 #include <QStandardPaths>
 
 #include <pocketsphinx.h>
-#include <sphinxbase/cmn.h>
 #include <sphinxbase/err.h>
-#include <sphinxbase/feat.h>
 #include <sphinxbase/ngram_model.h>
 
 #ifdef __GLIBC__
@@ -248,9 +246,7 @@ void PocketsphinxEngine::keep()
 class PocketsphinxAnalyzer final : public DecodingAnalyzer {
 public:
     PocketsphinxAnalyzer(std::shared_ptr<PocketsphinxEngine> engine, std::shared_ptr<SpeechResultStream> results)
-        : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()),
-          engine_(std::move(engine)),
-          splitter_(engine_->settings_.splitAfter, engine_->settings_.splitPause)
+        : DecodingAnalyzer(std::move(results), PocketsphinxEngine::format()), engine_(std::move(engine))
     {
     }
     ~PocketsphinxAnalyzer() override { stopDecoding(); }
@@ -259,103 +255,58 @@ protected:
     void beginDecoding() override
     {
         claimed_ = true;
-        ps_decoder_t* ps = engine_->claim(busy_);
-        if (ps_start_stream(ps) < 0 || ps_start_utt(ps) < 0)
-            throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
-        uttOpen_ = true;
-        const std::vector<int16> quiet = PocketsphinxEngine::leadIn(engine_->settings_);
-        if (!quiet.empty() && ps_process_raw(ps, quiet.data(), quiet.size(), FALSE, FALSE) < 0)
-            throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
-        splitter_.begin(quiet);
-        keepNormalisation();
+        session_.emplace(engine_->claim(busy_), engine_->settings_);
+        session_->begin();
     }
 
     void decode(const AudioBuffer& buffer) override
     {
         if (!monoPcm16(buffer, pcm_))
             return;
-        ps_decoder_t* ps = engine_->decoder_;
-        if (ps_process_raw(ps, pcm_.data(), pcm_.size(), FALSE, FALSE) < 0)
-            throw CollaboratorError(QStringLiteral("The speech decoder failed on its input."));
-        const bool split = splitter_.shouldEnd(pcm_.data(), pcm_.size());
-        if (ps_get_in_speech(ps) && !split) {
-            inSegment_ = true;
-        } else if (inSegment_) {
-            closeUtterance();
-            if (ps_start_utt(ps) < 0)
-                throw CollaboratorError(QStringLiteral("The speech decoder could not start."));
-            uttOpen_ = true;
-        }
+        if (const std::optional<QString> ended = session_->feed(pcm_.data(), pcm_.size()))
+            segmentEnded(*ended);
     }
 
     void caughtUp() override
     {
         // Partial hypotheses only when there is nothing else to decode, so a backlog drains first.
-        if (!inSegment_)
+        if (!session_->inSegment())
             return;
-        const char* hyp = ps_get_hyp(engine_->decoder_, nullptr);
-        const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
+        const QString text = session_->hypothesis();
         if (text != lastVolatile_) {
             lastVolatile_ = text;
             emitResult(text, false);
         }
     }
 
-    void finalizeDecoding() override { closeUtterance(); }
+    void finalizeDecoding() override { segmentEnded(session_->end()); }
 
     QString answeredBy() const override { return QStringLiteral("pocketsphinx"); }
 
     void endDecoding() override
     {
-        if (uttOpen_)
-            ps_end_utt(engine_->decoder_);
-        uttOpen_ = false;
+        session_.reset();
         if (claimed_)
             engine_->unclaim(busy_);
         claimed_ = false;
     }
 
 private:
-    void closeUtterance()
+    void segmentEnded(const QString& text)
     {
-        ps_decoder_t* ps = engine_->decoder_;
-        ps_end_utt(ps);
-        uttOpen_ = false;
-        inSegment_ = false;
-        splitter_.segmentEnded();
-        const char* hyp = ps_get_hyp(ps, nullptr);
-        const QString text = hyp ? QString::fromUtf8(hyp).trimmed() : QString();
-        if (!text.isEmpty()) {
+        if (!text.isEmpty())
             emitResult(text, true);
-            keepNormalisation();
-        } else {
-            if (!lastVolatile_.isEmpty())
-                emitResult(QString(), false);  // withdraw a hypothesis that came to nothing (a cough)
-            // The voice-activity detector takes the hiss of a quiet room, as the key goes down or
-            // while the user waits to speak, for speech now and then. Normalised against such a
-            // segment, the next real words are garbled ("pick up milk…" heard as "the old way").
-            cmn_live_set(ps_get_feat(ps)->cmn_struct, normalisation_.data());
-        }
+        else if (!lastVolatile_.isEmpty())
+            emitResult(QString(), false);  // withdraw a hypothesis that came to nothing (a cough)
         lastVolatile_.clear();
-    }
-
-    // The cepstral mean as it stood after the last segment that held words.
-    void keepNormalisation()
-    {
-        cmn_t* cmn = ps_get_feat(engine_->decoder_)->cmn_struct;
-        normalisation_.resize(static_cast<size_t>(cmn->veclen));
-        cmn_live_get(cmn, normalisation_.data());
     }
 
     std::shared_ptr<PocketsphinxEngine> engine_;
     std::unique_lock<std::mutex> busy_;
+    std::optional<DecoderSession> session_;
     std::vector<int16> pcm_;
-    SegmentSplitter splitter_;
-    std::vector<mfcc_t> normalisation_;
     QString lastVolatile_;
     bool claimed_ = false;
-    bool uttOpen_ = false;
-    bool inSegment_ = false;
 };
 
 std::vector<std::int16_t> PocketsphinxEngine::leadIn(const Settings& settings)
