@@ -3,6 +3,7 @@
 #include "app/CommandLine.h"
 #include "app/DisplayLoss.h"
 #include "app/SingleInstance.h"
+#include "app/TerminationSignals.h"
 #include "app/TranscribeCommand.h"
 #include "storage/Diagnostics.h"
 #include "ui/widgets/Theme.h"
@@ -91,6 +92,7 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationVersion(QStringLiteral(TOLVANE_VERSION));
     app.setQuitOnLastWindowClosed(false);
     DisplayLoss::install();
+    TerminationSignals::install();
     app.setWindowIcon(QIcon(Theme::appIcon(256)));
     Application tolvane;
     if (!tolvane.launch(cl.openSettings)) {
