@@ -43,6 +43,21 @@ private Q_SLOTS:
         events_.clear();
     }
 
+    // A client slower than the typing still gets every character when the text holds more characters
+    // the layout lacks than there are keycodes to lend them (a borrowed keycode changing its symbol
+    // before such a client has read the keys pressed under the old one showed other characters).
+    void slowClientGetsEveryCharacter()
+    {
+        QString text;  // more characters the layout lacks than there are keycodes to borrow, several times over
+        for (char16_t c = u'\u4E00'; c < u'\u4E60'; ++c)
+            text += QChar(c);
+        QVERIFY(client_.setKeyDelay(8));
+        const auto fast = qScopeGuard([this] { client_.setKeyDelay(0); });
+        QVERIFY(injector_.insertText(text + u"#"_s));
+        QCOMPARE(client_.waitFor([](const auto& r) { return endsWith(r, u"#"_s); }, 30000).text, text + u"#"_s);
+        injector_.restoreMapping();
+    }
+
     // Any text arrives exactly as typed, Backspace and Return too, even with a modifier still held or
     // Caps Lock on; the keycodes borrowed for characters the layout lacks are given back afterwards.
     void typesAnyUnicodeTextExactly()

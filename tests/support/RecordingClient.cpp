@@ -83,6 +83,7 @@ bool RecordingClient::command(const QByteArray& line, const QByteArray& reply, i
 bool RecordingClient::clear() { return command("clear", "cleared"); }
 
 bool RecordingClient::setPasteDelay(int ms) { return command("pasteDelay " + QByteArray::number(ms), "delayed"); }
+bool RecordingClient::setKeyDelay(int ms) { return command("keyDelay " + QByteArray::number(ms), "delayed"); }
 
 std::optional<RecordingClient::Received> RecordingClient::dump()
 {

@@ -32,6 +32,8 @@ public:
     bool clear();
     // Ctrl+V reads the clipboard this long after the key (0: at once), as a busy application does.
     bool setPasteDelay(int ms);
+    // Each key press keeps the client busy this long (0: not at all), as a slow application is.
+    bool setKeyDelay(int ms);
     std::optional<Received> dump();
     // Dumps until `done` holds or the time is up; returns the last dump.
     Received waitFor(const std::function<bool(const Received&)>& done, int timeoutMs = 10000);

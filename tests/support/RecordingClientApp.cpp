@@ -7,6 +7,8 @@
 //   clear       empty the field and the counters, answer "cleared"
 //   pasteDelay MS  from now on Ctrl+V reads the clipboard MS milliseconds after the key, as a busy
 //               application does; answer "delayed"
+//   keyDelay MS from now on each key press keeps the client busy for MS milliseconds before the next
+//               event is read, as a slow application does; answer "delayed"
 //   quit
 // It announces "ready WINDOW-ID" once its window is on screen. A lone-Alt tap is an Alt press and
 // release with no other key event in between, as this client receives them: what would open a menu.
@@ -21,6 +23,7 @@
 #include <QKeyEvent>
 #include <QPlainTextEdit>
 #include <QTextStream>
+#include <QThread>
 #include <QTimer>
 
 #include <xcb/xcb.h>
@@ -41,6 +44,7 @@ constexpr unsigned altRightKeycode = 108;
 class KeyWatcher final : public QAbstractNativeEventFilter {
 public:
     explicit KeyWatcher(Counters& c) : c_(c) {}
+    int keyDelayMs = 0;
     bool nativeEventFilter(const QByteArray& type, void* message, qintptr*) override
     {
         if (type != "xcb_generic_event_t")
@@ -52,6 +56,8 @@ public:
         const auto* key = static_cast<const xcb_key_press_event_t*>(message);
         const bool isAlt = key->detail == altLeftKeycode || key->detail == altRightKeycode;
         if (kind == XCB_KEY_PRESS) {
+            if (keyDelayMs > 0)
+                QThread::msleep(static_cast<unsigned long>(keyDelayMs));
             if (isAlt && altAlone_ == 0)
                 altAlone_ = key->detail;
             else
@@ -135,6 +141,9 @@ int main(int argc, char** argv)
             ClientCommands::answer("cleared");
         } else if (line.startsWith(QLatin1String("pasteDelay "))) {
             field.pasteDelayMs = line.mid(11).toInt();
+            ClientCommands::answer("delayed");
+        } else if (line.startsWith(QLatin1String("keyDelay "))) {
+            watcher.keyDelayMs = line.mid(9).toInt();
             ClientCommands::answer("delayed");
         } else if (line == QLatin1String("quit")) {
             app.quit();

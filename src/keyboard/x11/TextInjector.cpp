@@ -197,10 +197,21 @@ bool TextInjector::insertText(const QString& text)
         return it == layout.end() ? std::nullopt : std::optional<KeyStroke>(it->second);
     };
 
+    SpareKeyPool lent = pool_;  // taken on only if the text is typed
+    const auto plan = planTyping(keysyms, lookup, lent);
+    // More characters the layout lacks than keycodes to lend them: typing would give a keycode a
+    // new symbol while the application may not yet have read the keys pressed under the old one,
+    // and a busy application then shows other characters. No wait is long enough for every
+    // application; a paste is exact.
+    if (std::any_of(plan.begin(), plan.end(), [](const TypingBatch& b) { return b.settle; })) {
+        if (capsLocked)
+            XkbLockModifiers(dpy, XkbUseCoreKbd, LockMask, LockMask);
+        return pasteViaClipboard(text);
+    }
+    pool_ = std::move(lent);
     restoreTimer_->stop();
     bool posted = false;
     bool shiftDown = false;
-    const auto plan = planTyping(keysyms, lookup, pool_);
     for (const TypingBatch& batch : plan) {
         if (batch.settle)
             settle();
