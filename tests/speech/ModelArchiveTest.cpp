@@ -66,8 +66,7 @@ using TestSupport::thrown;
 QString fileOf(const QByteArray& bytes)
 {
     const QString file = QDir::tempPath() + "/model-archive";
-    QFile f(file);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size() ? file : QString();
+    return TestSupport::writeFile(file, bytes) ? file : QString();
 }
 QString sha256(const QByteArray& bytes, bool right = true)
 {

@@ -23,6 +23,7 @@
 using namespace SpeechTest;
 using TestSupport::await;
 using TestSupport::thrown;
+using TestSupport::writeFile;
 using Pairs = QList<QPair<QString, QString>>;
 
 namespace {
@@ -131,17 +132,10 @@ QString transcribe(TranscriberController& controller, const std::vector<float>& 
     return await(controller.finish());
 }
 
-bool write(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
 // A file's dictionary entries, without the stamp line of a trimmed copy.
 QByteArray entries(const QString& path)
 {
-    QFile f(path);
-    const QByteArray all = f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    const QByteArray all = TestSupport::readFile(path);
     return all.startsWith("##") ? all.mid(all.indexOf('\n') + 1) : all;
 }
 
@@ -372,7 +366,7 @@ private Q_SLOTS:
         const QString folder = AudioTest::sandboxPath(QStringLiteral("dictionary"));
         const QString dict = folder + "/words.dict", lm = folder + "/words.lm.bin", cache = folder + "/cache";
         QVERIFY(QDir().mkpath(folder));
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\n") && write(lm, "a language model"));
+        QVERIFY(writeFile(dict, "one W AH N\ntwo T UW\nthree TH R IY\n") && writeFile(lm, "a language model"));
         int reads = 0;
         auto trimmed = [&] {
             return PronouncingDictionary::trimmedFor(dict, lm, cache, [&](const QString& path) {
@@ -386,9 +380,9 @@ private Q_SLOTS:
         QCOMPARE(trimmed().path, first.path);
         QCOMPARE(reads, 1);
         // A changed dictionary is trimmed again, and so is a copy damaged on disk.
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
+        QVERIFY(writeFile(dict, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
-        QVERIFY(write(first.path, "garbage"));
+        QVERIFY(writeFile(first.path, "garbage"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
         QCOMPARE(reads, 3);
         // Any failure falls back to the whole dictionary: here, a cache folder that cannot be made.

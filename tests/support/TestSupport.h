@@ -38,6 +38,10 @@ private:
     qsizetype start_;
 };
 
+// A file's bytes (none when it cannot be read); writing one, its folder made: false when it cannot.
+QByteArray readFile(const QString& path);
+bool writeFile(const QString& path, const QByteArray& bytes);
+
 // Runs the event loop until pred() holds or timeoutMs passes; returns pred().
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
 
