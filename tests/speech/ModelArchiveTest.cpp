@@ -226,6 +226,7 @@ private Q_SLOTS:
             QCOMPARE(thrown(inventory.loadEngine("en-GB")), QStringLiteral("No speech model is installed for en-GB."));
     }
 
+    // Every kind of refusal is the unpacking's case above; here each way an install can fail.
     void aRefusedArchiveLeavesTheInstalledModelWorking_data()
     {
         QTest::addColumn<QString>("archive");
@@ -234,9 +235,6 @@ private Q_SLOTS:
         QTest::newRow("SHA-256 mismatch") << "tar.gz" << false << "transcriber: model archive for en-US has SHA-256 ";
         QTest::newRow("truncated") << "truncated" << true << "transcriber: model archive for en-US refused: ";
         QTest::newRow("../") << "parent" << true << "transcriber: model archive for en-US refused: the entry \"../../../outside\" would be written outside";
-        QTest::newRow("absolute path") << "absolute" << true << "would be written outside the model folder";
-        QTest::newRow("symlink out") << "symlink" << true << "refused: the entry \"en-us/passwd\" is a symbolic link";
-        QTest::newRow("hard link") << "hard link" << true << "refused: the entry \"en-us/hard\" is a hard link";
     }
     void aRefusedArchiveLeavesTheInstalledModelWorking()
     {
