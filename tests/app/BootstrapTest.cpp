@@ -82,7 +82,7 @@ private Q_SLOTS:
         auto row = [](const char* refused, const QString& lastLog, const QString& shown, bool listening) {
             QTest::newRow(*refused ? refused : "ready") << QString::fromUtf8(refused) << lastLog << shown << listening;
         };
-        row("", "bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.", "", true);
+        row("", TestSupport::readyLine, "", true);
         row("microphone", "bootstrap: waiting for a microphone…", "Microphone access needed", false);
         row("speech", "bootstrap: speech = false", "Speech Recognition needed", false);
         row("model", "bootstrap: transcriber prepare FAILED: no model for xx-XX", "Speech model unavailable", false);
@@ -109,7 +109,7 @@ private Q_SLOTS:
             *l.microphone = true;
             QVERIFY(waitUntil([&] { return l.bootstrap->finished(); }, Bootstrap::microphonePollMs * 3));
             QVERIFY(!mark.messages().filter(QStringLiteral("bootstrap: a microphone appeared after")).isEmpty());
-            QCOMPARE(mark.messages().last(), QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."));
+            QCOMPARE(mark.messages().last(), TestSupport::readyLine);
             QVERIFY(!PermissionPrompt::currentPanel());
             return;
         }

@@ -37,8 +37,8 @@ QList<qint64> childrenOf(qint64 pid)
 
 QStringList soundStreams() { return AudioTest::pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("source-outputs")}); }
 
-const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."),
-              capturing = QStringLiteral("dictation: audio + transcriber running"),
+const QString& ready = TestSupport::readyLine;
+const QString capturing = QStringLiteral("dictation: audio + transcriber running"),
               why = QStringLiteral("bootstrap: the X display went away (error 1) — Tolvane ends");
 
 }  // namespace

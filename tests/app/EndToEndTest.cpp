@@ -14,8 +14,8 @@
 namespace {
 
 constexpr unsigned altL = 64, space = 65, escape = 9;
-const QString ready = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."),
-              running = QStringLiteral("dictation: audio + transcriber running"),
+const QString& ready = TestSupport::readyLine;
+const QString running = QStringLiteral("dictation: audio + transcriber running"),
               held = QStringLiteral("pick up milk and eggs on the way home"),
               handsFree = QStringLiteral("the meeting moved to three o'clock"), live = QStringLiteral("please call me back after lunch"),
               // Heard as "nice and the quarterly report" when the decoder's first frames are speech.

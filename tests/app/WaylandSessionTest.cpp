@@ -61,7 +61,7 @@ private Q_SLOTS:
         Preferences::shared().setCleanupMode(CleanupMode::raw);  // exactly what was said
         const TestSupport::LogMark mark;
         tolvane_.start(TestSupport::tolvaneBinary(), {});
-        QVERIFY2(mark.waitFor(u"bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle."_s, 60000), "tolvane did not become ready");
+        QVERIFY2(mark.waitFor(TestSupport::readyLine, 60000), "tolvane did not become ready");
         QVERIFY(!mark.messages()
                      .filter(QRegularExpression(u"^hotkey: Wayland session — keys read from /dev/input \\(evdev\\); typing through "
                                                 "zwp_virtual_keyboard_v1 with Tolvane's own keymap; pasting through "

@@ -20,11 +20,7 @@ using Response = LoopbackHttpServer::Response;
 
 namespace {
 
-QByteArray readBytes(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
+using TestSupport::readFile;
 
 QString typed(const QString& text) { return QStringLiteral("injector.insertText(%1)").arg(text); }
 
@@ -121,7 +117,7 @@ private Q_SLOTS:
         TranscriptStore::shared().waitForWrites();
         Diagnostics::flush();
         const QString history = TranscriptStore::fileURL(), log = Diagnostics::logFilePath();
-        const QByteArray historyBefore = readBytes(history), logBefore = readBytes(log);
+        const QByteArray historyBefore = readFile(history), logBefore = readFile(log);
         QVERIFY(historyBefore.count('\n') == 2 && !logBefore.isEmpty());
 
         FullDisk full;
@@ -131,8 +127,8 @@ private Q_SLOTS:
         const QStringList said = full.release().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 
         QCOMPARE(rig.journal.calls.filter(QStringLiteral("injector.insertText")).last(), typed(QStringLiteral(" third")));
-        QCOMPARE(readBytes(history), historyBefore);
-        QCOMPARE(readBytes(log), logBefore);
+        QCOMPARE(readFile(history), historyBefore);
+        QCOMPARE(readFile(log), logBefore);
         QCOMPARE(said.filter(QStringLiteral("Tolvane: diagnostics: could not write ") + log).size(), 1);
         QCOMPARE(said.filter(QStringLiteral("Tolvane: history: could not write ") + history).size(), 1);
         QVERIFY2(said.contains(QStringLiteral("Tolvane: dictation: pasted=true (leadingSpace=true)")), qPrintable(said.join(QLatin1Char('\n'))));
@@ -145,7 +141,7 @@ private Q_SLOTS:
         for (const TranscriptEntry& e : TranscriptStore(history).entries())
             texts << e.text;
         QCOMPARE(texts, (QStringList{"first", "second", "third", "fourth"}));
-        const QByteArray logAfter = readBytes(log);
+        const QByteArray logAfter = readFile(log);
         QVERIFY(logAfter.startsWith(logBefore));
         const QRegularExpression whole(QStringLiteral(R"(^\d{4}-\d\d-\d\dT[\d:.]{12}Z \[\w+:\d+\] \w+: )"));
         for (const QString& line : QString::fromUtf8(logAfter.mid(logBefore.size())).split(QLatin1Char('\n'), Qt::SkipEmptyParts))

@@ -19,11 +19,7 @@ class WaylandTypingTest : public QObject {
     std::unique_ptr<WaylandConnection> observer_;
     std::unique_ptr<WaylandTextInjector> injector_;
 
-    static QByteArray terminalBytes()
-    {
-        QFile f(SwaySession::terminalOutput());
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-    }
+    static QByteArray terminalBytes() { return TestSupport::readFile(SwaySession::terminalOutput()); }
     // Waits until the terminal has received `expected` after the `before` bytes it had.
     static bool received(qsizetype before, const QByteArray& expected)
     {

@@ -1,5 +1,5 @@
 // The transcriber on a scripted engine; synthesised speech through the installed pocketsphinx model;
-// models installed from archives; and dictionaries trimmed to what the language model knows.
+// and dictionaries trimmed to what the language model knows.
 
 #include "support/Sound.h"
 #include "support/Speech.h"
@@ -11,29 +11,22 @@
 #include "speech/PronouncingDictionary.h"
 #include "speech/SpeechResultStream.h"
 #include "speech/TranscriberController.h"
-#include "storage/DataLocation.h"
 #include "storage/Preferences.h"
 
-#include <QCryptographicHash>
 #include <QDir>
-#include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
 
 #include <mutex>
 #include <numeric>
 #include <thread>
 
+using namespace SpeechTest;
 using TestSupport::await;
+using TestSupport::thrown;
+using TestSupport::writeFile;
 using Pairs = QList<QPair<QString, QString>>;
 
 namespace {
-
-const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
-const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
-
-QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
 
 // Models and engine in one. Its analyzers say the script: one result per buffer, the rest when
 // finalized; with settings, it loads the pocketsphinx model in `folder` instead.
@@ -126,17 +119,6 @@ SpeechResult partial(const char* t) { return {QString::fromUtf8(t), false}; }
 SpeechResult final(const char* t) { return {QString::fromUtf8(t), true}; }
 QPair<QString, QString> pair(const char* c, const char* v) { return {QString::fromUtf8(c), QString::fromUtf8(v)}; }
 
-template <typename T>
-QString thrown(QCoro::Task<T> task)
-{
-    try {
-        await(std::move(task));
-    } catch (const CollaboratorError& e) {
-        return e.localizedDescription();
-    }
-    return {};
-}
-
 // Feeds samples in blocks of the size capture delivers after conversion.
 void feed(TranscriberController& controller, const std::vector<float>& samples, AudioFormat format = {16000, 1})
 {
@@ -150,29 +132,10 @@ QString transcribe(TranscriberController& controller, const std::vector<float>& 
     return await(controller.finish());
 }
 
-// How many of the words said were heard, in order.
-int heard(const QString& said, const QString& text) { return SpeechTest::wordsInOrder(SpeechTest::words(said), SpeechTest::words(text)); }
-
-// What `tar -c` writes for `members`, run in `folder`.
-QByteArray tar(const QString& folder, const QStringList& members)
-{
-    QProcess p;
-    p.setWorkingDirectory(folder);
-    p.start(QStringLiteral("tar"), QStringList{"-cf", "-"} + members);
-    return p.waitForFinished() ? p.readAllStandardOutput() : QByteArray();
-}
-
-bool write(const QString& path, const QByteArray& bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
-
 // A file's dictionary entries, without the stamp line of a trimmed copy.
 QByteArray entries(const QString& path)
 {
-    QFile f(path);
-    const QByteArray all = f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    const QByteArray all = TestSupport::readFile(path);
     return all.startsWith("##") ? all.mid(all.indexOf('\n') + 1) : all;
 }
 
@@ -181,9 +144,6 @@ QByteArray entries(const QString& path)
 class SpeechRecognitionTest : public QObject {
     Q_OBJECT
     std::vector<float> first_, second_;  // synthesised once, the slow part
-    QTcpServer server_;                  // answers every request with the archive
-    QByteArray archive_;
-    bool cut_ = false;
     std::shared_ptr<TestModels> models_;  // scripted, fresh for every test
     std::unique_ptr<TranscriberController> controller_;
 
@@ -206,23 +166,10 @@ class SpeechRecognitionTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        first_ = SpeechTest::synthesize(kFirst);
-        second_ = SpeechTest::synthesize(kSecond);
+        first_ = synthesize(kFirst);
+        second_ = synthesize(kSecond);
         QVERIFY2(!first_.empty() && !second_.empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
         QVERIFY2(!installedModel().isEmpty(), "pocketsphinx-en-us is needed");
-        QVERIFY(server_.listen(QHostAddress::LocalHost));
-        connect(&server_, &QTcpServer::newConnection, this, [this] {
-            QTcpSocket* socket = server_.nextPendingConnection();
-            connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
-                if (!socket->peek(socket->bytesAvailable()).contains("\r\n\r\n"))
-                    return;
-                socket->readAll();
-                // A cut download announces the whole length but sends only half before closing.
-                socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + QByteArray::number(archive_.size()) + "\r\n\r\n"
-                              + archive_.left(cut_ ? archive_.size() / 2 : archive_.size()));
-                socket->disconnectFromHost();
-            });
-        });
     }
 
     void init()
@@ -332,20 +279,20 @@ private Q_SLOTS:
         feed(controller, first_, {44100, 2});
         std::vector<float> audio(4800, 0.0f);
         for (const auto* sentence : {&first_, &second_}) {
-            const std::vector<float> spoken = SpeechTest::withoutSilence(*sentence);
+            const std::vector<float> spoken = withoutSilence(*sentence);
             audio.insert(audio.end(), spoken.begin(), spoken.end());
             audio.insert(audio.end(), 2400, 0.0f);
         }
         feed(controller, audio);
         const QString text = await(controller.finish());
-        QVERIFY2(heard(kFirst + ' ' + kSecond, text) >= 11, qPrintable(text));  // of 15
+        QVERIFY2(wordsHeard(kFirst + ' ' + kSecond, text) >= 11, qPrintable(text));  // of 15
         QVERIFY(mark.messages().contains("transcriber: dropping audio in 44100.0Hz/2ch; the recognizer takes 16000.0Hz/1ch"));
         // No fallback to the whole dictionary, or the comparison below would prove nothing.
         QVERIFY2(mark.messages().filter("whole dictionary").isEmpty(), qPrintable(mark.messages().join('\n')));
 
         // The pause ended the first segment: its words were committed before the second's.
         const QString firstCommit = committed.value(committed.lastIndexOf(QString()) + 1);
-        QVERIFY2(heard(kSecond, firstCommit) <= 1 && heard(kFirst, firstCommit) >= 5, qPrintable(firstCommit));
+        QVERIFY2(wordsHeard(kSecond, firstCommit) <= 1 && wordsHeard(kFirst, firstCommit) >= 5, qPrintable(firstCommit));
 
         models_->settings.emplace().trimDictionary = false;
         models_->settings->splitAfter = std::chrono::milliseconds(2000);
@@ -365,11 +312,11 @@ private Q_SLOTS:
         // A dictation in which nothing is said, then one in which the user waits before speaking.
         QCOMPARE(transcribe(controller, room), QString());
         std::vector<float> audio = room;
-        const std::vector<float> spoken = SpeechTest::withoutSilence(first_);
+        const std::vector<float> spoken = withoutSilence(first_);
         audio.insert(audio.end(), spoken.begin(), spoken.end());
         audio.insert(audio.end(), room.begin(), room.begin() + 4800);
         const QString text = transcribe(controller, audio);
-        QVERIFY2(heard(kFirst, text) >= 8, qPrintable(text));  // of 10
+        QVERIFY2(wordsHeard(kFirst, text) >= 8, qPrintable(text));  // of 10
     }
 
     void releasesAnUnusedModelAndLoadsItAgainWithoutLosingSpeech()
@@ -402,63 +349,8 @@ private Q_SLOTS:
         QTest::qWait(400);
         QVERIFY(engine->isLoaded());
         const QString text = await(controller.finish());
-        QVERIFY2(heard(kFirst, text) >= 7, qPrintable(text));  // of 10
+        QVERIFY2(wordsHeard(kFirst, text) >= 7, qPrintable(text));  // of 10
         QVERIFY(TestSupport::waitUntil([&] { return !engine->isLoaded(); }, 10000));
-    }
-
-    void installsVerifiedModelsWholeOrNotAtAll_data()
-    {
-        // A model's files, empty: enough to be installed. An archive member climbing out of the folder
-        // it is unpacked in would land in the data folder.
-        const QString root = AudioTest::sandboxPath(QStringLiteral("archives")), model = root + "/en-gb-model";
-        QVERIFY(QDir().mkpath(model + "/acoustic") && QDir().mkpath(root + "/a/b/c"));
-        for (const char* name : {"acoustic/mdef", "acoustic/means", "acoustic/variances", "acoustic/transition_matrices", "en-gb.lm.bin",
-                                 "en-gb.dict", "../readme", "../escaped"})
-            QVERIFY(QFile(model + '/' + name).open(QIODevice::WriteOnly));
-        const QByteArray whole = tar(root, {"en-gb-model"});
-        QTest::addColumn<QByteArray>("archive");
-        QTest::addColumn<QString>("via");  // http, a cut http download or a file
-        QTest::addColumn<bool>("rightSum");
-        QTest::addColumn<QString>("error");  // part of it; none: installed
-        QTest::newRow("from loopback") << whole << "http" << true << QString();
-        QTest::newRow("from a file, over a killed install's leftovers") << whole << "file" << true << QString();
-        QTest::newRow("checksum mismatch") << whole << "http" << false << "for en-GB is damaged or incomplete (its SHA-256 does not match";
-        QTest::newRow("interrupted download") << whole << "cut" << true << "Could not download the speech model for en-GB: ";
-        QTest::newRow("not an archive") << QByteArray(4096, 'x') << "http" << true << "archive for en-GB could not be unpacked: ";
-        QTest::newRow("no model inside") << tar(root, {"readme"}) << "http" << true << "archive for en-GB holds no pocketsphinx model";
-        QTest::newRow("member escaping") << tar(root + "/a/b/c", {"-P", "../../../escaped"}) << "http" << true << "could not be unpacked: ";
-    }
-    void installsVerifiedModelsWholeOrNotAtAll()
-    {
-        QFETCH(QByteArray, archive);
-        QFETCH(QString, via);
-        QFETCH(bool, rightSum);
-        QFETCH(QString, error);
-        const QString models = tolvaneDataDirectory() + "/models";
-        QDir(models).removeRecursively();
-        ModelInventory inventory;
-        if (via == "file") {
-            // What a killed install leaves: a hidden partial folder holding a complete-looking model, not taken for one.
-            const QString leftover = models + "/.partial-en-gb-abc123/en-GB";
-            QVERIFY(QDir().mkpath(leftover));
-            QVERIFY(QProcess::execute("cp", {"-r", AudioTest::sandboxPath("archives/en-gb-model/."), leftover}) == 0);
-            QVERIFY(!inventory.installedLocales().contains("en-GB"));
-        }
-        archive_ = archive;
-        cut_ = via == "cut";
-        const QString file = AudioTest::sandboxPath("model.tar");
-        QVERIFY(write(file, archive));
-        const QString sum = QString::fromLatin1(QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex());
-        const QString url = via == "file" ? file : QString("http://127.0.0.1:%1/model.tar").arg(server_.serverPort());
-        const QString message = thrown(inventory.downloadAndInstall({"en-GB", url, rightSum ? sum : QString(64, '0')}));
-        QVERIFY2(error.isEmpty() ? message.isEmpty() : message.contains(error), qPrintable(message));
-        // The model appears whole under its language's name, or nothing is left at all.
-        const QStringList left = QDir(models).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-        QCOMPARE(left, error.isEmpty() ? QStringList{"en-GB"} : QStringList());
-        QCOMPARE(await(inventory.status("en-gb")), error.isEmpty() ? ModelStatus::installed : ModelStatus::unsupported);
-        QVERIFY(!QFileInfo::exists(tolvaneDataDirectory() + "/escaped"));
-        if (!error.isEmpty())
-            QCOMPARE(thrown(inventory.loadEngine("en-GB")), QStringLiteral("No speech model is installed for en-GB."));
     }
 
     void keepsEveryPronunciationOfKnownWordsOnly()
@@ -474,7 +366,7 @@ private Q_SLOTS:
         const QString folder = AudioTest::sandboxPath(QStringLiteral("dictionary"));
         const QString dict = folder + "/words.dict", lm = folder + "/words.lm.bin", cache = folder + "/cache";
         QVERIFY(QDir().mkpath(folder));
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\n") && write(lm, "a language model"));
+        QVERIFY(writeFile(dict, "one W AH N\ntwo T UW\nthree TH R IY\n") && writeFile(lm, "a language model"));
         int reads = 0;
         auto trimmed = [&] {
             return PronouncingDictionary::trimmedFor(dict, lm, cache, [&](const QString& path) {
@@ -488,9 +380,9 @@ private Q_SLOTS:
         QCOMPARE(trimmed().path, first.path);
         QCOMPARE(reads, 1);
         // A changed dictionary is trimmed again, and so is a copy damaged on disk.
-        QVERIFY(write(dict, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
+        QVERIFY(writeFile(dict, "one W AH N\ntwo T UW\nthree TH R IY\nfour F AO R\n"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
-        QVERIFY(write(first.path, "garbage"));
+        QVERIFY(writeFile(first.path, "garbage"));
         QCOMPARE(entries(trimmed().path), QByteArray("one W AH N\nthree TH R IY\nfour F AO R\n"));
         QCOMPARE(reads, 3);
         // Any failure falls back to the whole dictionary: here, a cache folder that cannot be made.

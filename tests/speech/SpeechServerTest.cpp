@@ -8,7 +8,6 @@
 #include "support/TestSupport.h"
 
 #include "speech/AnalyzerInputStream.h"
-#include "speech/ModelInventory.h"
 #include "speech/PocketsphinxEngine.h"
 #include "speech/SpeechResultStream.h"
 #include "speech/SpeechSegmenter.h"
@@ -25,18 +24,15 @@
 #include <cmath>
 #include <mutex>
 
+using namespace SpeechTest;
 using TestSupport::await;
 using Segments = std::vector<SpeechSegmenter::Segment>;
 using Spans = QList<QPair<int, bool>>;  // milliseconds, loud or quiet
 
 namespace {
 
-const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
-const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
 const QString kThird = QStringLiteral("remind me to water the plants and pick up the dry cleaning tomorrow");
 const QString kFourth = QStringLiteral("the train to the city leaves at seven fifteen from platform four");
-
-QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
 
 // A quiet room: the microphone's hiss only.
 void quiet(std::vector<float>& audio, int ms)
@@ -53,7 +49,7 @@ std::vector<float> dictation(const QList<const std::vector<float>*>& sentences, 
     std::vector<float> audio;
     quiet(audio, 300);
     for (const auto* sentence : sentences) {
-        const std::vector<float> spoken = SpeechTest::withoutSilence(*sentence);
+        const std::vector<float> spoken = withoutSilence(*sentence);
         audio.insert(audio.end(), spoken.begin(), spoken.end());
         quiet(audio, sentence == sentences.last() ? 150 : gapMs);
     }
@@ -68,8 +64,8 @@ void feed(TranscriberController& controller, const std::vector<float>& samples)
 // Words missed plus words added, per hundred words said.
 double errorRate(const QString& said, const QString& heard)
 {
-    const QStringList expected = SpeechTest::words(said), actual = SpeechTest::words(heard);
-    const int kept = SpeechTest::wordsInOrder(expected, actual);
+    const QStringList expected = words(said), actual = words(heard);
+    const int kept = wordsInOrder(expected, actual);
     return 100.0 * double(expected.size() - kept + actual.size() - kept) / double(expected.size());
 }
 
@@ -111,10 +107,10 @@ class SpeechServerTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        first_ = SpeechTest::synthesize(kFirst);
-        second_ = SpeechTest::synthesize(kSecond);
-        third_ = SpeechTest::synthesize(kThird);
-        fourth_ = SpeechTest::synthesize(kFourth);
+        first_ = synthesize(kFirst);
+        second_ = synthesize(kSecond);
+        third_ = synthesize(kThird);
+        fourth_ = synthesize(kFourth);
         QVERIFY2(!first_.empty() && !fourth_.empty(), "festival (text2wave with festvox-us-slt-hts) and sox are needed");
         QVERIFY2(!installedModel().isEmpty(), "pocketsphinx-en-us is needed");
     }
@@ -299,11 +295,11 @@ private Q_SLOTS:
         QCOMPARE(lines, (QStringList{"transcriber: speech server " + QString(logged).replace("ENDPOINT", endpoint),
                                      "transcriber: falling back to pocketsphinx for this dictation"}));
         if (how == "second") {
-            QVERIFY2(text.startsWith("first sentence ") && SpeechTest::wordsInOrder(SpeechTest::words(kSecond), SpeechTest::words(text)) >= 4,
+            QVERIFY2(text.startsWith("first sentence ") && wordsHeard(kSecond, text) >= 4,
                      qPrintable(text));
             QCOMPARE(controller_->answeredBy(), "the speech server at " + endpoint + ", then pocketsphinx");
         } else {
-            QVERIFY2(SpeechTest::wordsInOrder(SpeechTest::words(kFirst + ' ' + kSecond), SpeechTest::words(text)) >= 11, qPrintable(text));
+            QVERIFY2(wordsHeard(kFirst + ' ' + kSecond, text) >= 11, qPrintable(text));
             QCOMPARE(controller_->answeredBy(), QStringLiteral("pocketsphinx"));
         }
         if (how == "remote")

@@ -22,19 +22,8 @@
 #include <thread>
 
 namespace {
-QByteArray readBytes(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-void writeBytes(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile f(path);
-    QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(bytes);
-}
+using TestSupport::readFile;
+void writeBytes(const QString& path, const QByteArray& bytes) { QVERIFY(TestSupport::writeFile(path, bytes)); }
 
 QStringList texts(const QList<TranscriptEntry>& entries)
 {
@@ -47,7 +36,7 @@ QStringList texts(const QList<TranscriptEntry>& entries)
 // A history file's texts; "<broken>" for a line not one whole {"ts","text"} object or a missing final line feed.
 QStringList onDisk(const QString& path)
 {
-    const QByteArray bytes = readBytes(path);
+    const QByteArray bytes = readFile(path);
     QStringList out;
     for (const QByteArray& line : bytes.isEmpty() ? QByteArrayList() : bytes.chopped(bytes.endsWith('\n') ? 1 : 0).split('\n')) {
         const QJsonObject o = QJsonDocument::fromJson(line).object();
@@ -67,7 +56,7 @@ QString everySetting()
         .join(QLatin1Char(' '));
 }
 
-QByteArray storeBytes() { return readBytes(Preferences::shared().storePath()); }
+QByteArray storeBytes() { return readFile(Preferences::shared().storePath()); }
 }  // namespace
 
 class StorageTest : public QObject {
@@ -98,7 +87,7 @@ private Q_SLOTS:
         writer(QLatin1Char('b'));
         a.join();
         Diagnostics::flush();
-        const QStringList lines = QString::fromUtf8(readBytes(dir + QStringLiteral("/diagnostic.log"))).split(QLatin1Char('\n'));
+        const QStringList lines = QString::fromUtf8(readFile(dir + QStringLiteral("/diagnostic.log"))).split(QLatin1Char('\n'));
         QCOMPARE(lines.size(), 4002);  // the last one empty: every line ends with a line feed
         QVERIFY2(lines.first().endsWith(QStringLiteral("Z [Name.tar:3] x")), qPrintable(lines.first()));
         const QRegularExpression whole(QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z \[StorageTest:%1\] )"
@@ -196,11 +185,11 @@ private Q_SLOTS:
                      qPrintable(ts));
             QVERIFY(again.at(i).id != written.at(i).id && written.at(i).id != written.at(i - 1).id);  // ids are per process
         }
-        const QByteArray bytes = readBytes(path_);
+        const QByteArray bytes = readFile(path_);
         Preferences::shared().setHistoryEnabled(false);
         store.append(QStringLiteral("secret"));
         store.waitForWrites();
-        QCOMPARE(readBytes(path_), bytes);
+        QCOMPARE(readFile(path_), bytes);
         QCOMPARE(texts(store.entries()), texts(written));
         QCOMPARE(changed.count(), 2);
     }
@@ -226,12 +215,12 @@ private Q_SLOTS:
         const TestSupport::LogMark mark;
         TranscriptStore store(path_);
         QCOMPARE(texts(store.entries()), read);
-        QCOMPARE(readBytes(path_), bytes);  // reading never rewrites it
+        QCOMPARE(readFile(path_), bytes);  // reading never rewrites it
         store.append(QStringLiteral("new"));
         store.waitForWrites();
         const QString said = mark.messages().filter(QStringLiteral("history: ")).value(0);
         QVERIFY2(said.contains(QStringLiteral(" in ") + path_ + QStringLiteral("; the file as it was is kept in ")), qPrintable(said));
-        QCOMPARE(readBytes(said.section(QStringLiteral("kept in "), 1)), bytes);
+        QCOMPARE(readFile(said.section(QStringLiteral("kept in "), 1)), bytes);
     }
 
     // The file is only ever replaced whole: a write that fails half-way (disk full) leaves the previous one.
@@ -264,7 +253,7 @@ private Q_SLOTS:
         QCOMPARE(onDisk(path_), QStringList{QStringLiteral("one")});
         store.clear();
         store.waitForWrites();
-        QVERIFY(QFile::exists(path_) && readBytes(path_).isEmpty() && store.entries().isEmpty());
+        QVERIFY(QFile::exists(path_) && readFile(path_).isEmpty() && store.entries().isEmpty());
     }
 
     // SIGKILL at random moments while the program's store rewrites the history again and again:
@@ -287,7 +276,7 @@ private Q_SLOTS:
             writer.kill();
             QVERIFY(writer.waitForFinished(10000));
             const QString where = QStringLiteral("after kill %1").arg(round + 1);
-            const QByteArray bytes = readBytes(path_);
+            const QByteArray bytes = readFile(path_);
             QVERIFY2(bytes.isEmpty() || bytes.endsWith('\n'), qPrintable(where));
             QList<int> numbers;
             for (const QString& text : onDisk(path_))

@@ -20,7 +20,6 @@ public:
         // The file as libsndfile reads it (zero rate when it is not a sound file).
         int sampleRate = 0, channels = 0, format = 0;
         std::vector<float> samples;
-        double seconds() const { return sampleRate ? double(samples.size()) / sampleRate : 0; }
     };
 
     explicit FakeSpeechServer(QObject* parent = nullptr);

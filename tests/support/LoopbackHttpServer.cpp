@@ -85,8 +85,6 @@ void LoopbackHttpServer::releaseHeld(qsizetype index)
         send();
 }
 
-qsizetype LoopbackHttpServer::heldCount() const { return held_.size(); }
-
 void LoopbackHttpServer::onConnection()
 {
     while (QTcpSocket* socket = server_->nextPendingConnection()) {

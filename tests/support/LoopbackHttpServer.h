@@ -55,7 +55,6 @@ public:
     // Sends every held answer, or the held answer `index` (in the order they were held).
     void releaseHeld();
     void releaseHeld(qsizetype index);
-    qsizetype heldCount() const;
 
 protected:
     // The answer to a request; none keeps the connection open and says nothing.

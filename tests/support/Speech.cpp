@@ -1,5 +1,7 @@
 #include "support/Speech.h"
 
+#include "speech/ModelInventory.h"
+
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -11,6 +13,8 @@
 #include <cstring>
 
 namespace SpeechTest {
+
+QString installedModel() { return ModelInventory().installedModelFolder(QStringLiteral("en-US")); }
 
 std::vector<float> synthesize(const QString& text, const QString& wavPath, int rate, int channels)
 {

@@ -9,6 +9,13 @@
 
 namespace SpeechTest {
 
+// Sentences the installed pocketsphinx model hears well when synthesised.
+inline const QString kFirst = QStringLiteral("please pick up milk and coffee on the way home");
+inline const QString kSecond = QStringLiteral("the meeting moved to thursday afternoon");
+
+// The folder of the pocketsphinx model installed for en-US (empty when there is none).
+QString installedModel();
+
 // Speech for `text` in festival's HTS voice, as 16 kHz mono float samples (empty when festival or
 // sox is missing). `rate`/`channels` pick another output format; the file is written to `wavPath`
 // when given.

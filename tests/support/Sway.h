@@ -19,7 +19,6 @@ public:
 
     // The compositor's socket as an absolute path (a valid WAYLAND_DISPLAY whatever XDG_RUNTIME_DIR is).
     QString waylandDisplay() const { return runtime_ + QStringLiteral("/wayland-1"); }
-    QString runtimeDir() const { return runtime_; }
     QString x11Display() const { return x11Display_; }
     // What a program needs to run as a client of this session, its windows through Xwayland.
     QMap<QString, QString> clientEnvironment() const;

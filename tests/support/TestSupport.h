@@ -8,6 +8,8 @@
 #include <QString>
 #include <QStringList>
 
+#include "core/Collaborators.h"
+
 #include <qcoro/qcorotask.h>
 
 #include <exception>
@@ -16,6 +18,9 @@
 #include <stdexcept>
 
 namespace TestSupport {
+
+// What the program logs once it listens for the key.
+inline const QString readyLine = QStringLiteral("bootstrap: READY — hold ⌥ to dictate, or ⌥+Space to toggle.");
 
 // The diagnostic log's messages (timestamp and source stripped), after flushing it.
 QStringList logMessages();
@@ -32,6 +37,10 @@ public:
 private:
     qsizetype start_;
 };
+
+// A file's bytes (none when it cannot be read); writing one, its folder made: false when it cannot.
+QByteArray readFile(const QString& path);
+bool writeFile(const QString& path, const QByteArray& bytes);
 
 // Runs the event loop until pred() holds or timeoutMs passes; returns pred().
 bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 5000);
@@ -62,6 +71,18 @@ T await(QCoro::Task<T> task)
     return std::move(*value);
 }
 void await(QCoro::Task<void> task);
+
+// What the CollaboratorError the task ends with says; empty when it ends without one.
+template <typename T>
+QString thrown(QCoro::Task<T> task)
+{
+    try {
+        await(std::move(task));
+    } catch (const CollaboratorError& e) {
+        return e.localizedDescription();
+    }
+    return {};
+}
 
 // Ends a process politely, then firmly; nothing when it is not running.
 void stop(QProcess& process);

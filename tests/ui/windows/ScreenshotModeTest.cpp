@@ -14,11 +14,7 @@ namespace {
 
 const char* const images[] = {"settings-general.png", "settings-snippets.png", "settings-history.png", "about.png"};
 
-QByteArray storeContents()
-{
-    QFile f(Preferences::shared().storePath());
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
+QByteArray storeContents() { return TestSupport::readFile(Preferences::shared().storePath()); }
 
 // Pixels of the brand green, as in the selected tab.
 int greenPixels(const QImage& image)

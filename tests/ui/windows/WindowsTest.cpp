@@ -103,8 +103,7 @@ QString feedFile(const QByteArray& body)
 {
     static int n = 0;
     const QString path = qEnvironmentVariable("TOLVANE_TEST_SANDBOX") + QStringLiteral("/feed-%1").arg(++n);
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly) && f.write(body) == body.size() ? QUrl::fromLocalFile(path).toString() : QString();
+    return TestSupport::writeFile(path, body) ? QUrl::fromLocalFile(path).toString() : QString();
 }
 
 }  // namespace
