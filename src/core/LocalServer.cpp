@@ -38,9 +38,9 @@ QString refusal(const QString& endpoint, bool allowRemote, const QString& exampl
     return {};
 }
 
-std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint)
+OwnedNetwork makeNetwork(const QUrl& endpoint)
 {
-    auto network = std::make_unique<QNetworkAccessManager>();
+    OwnedNetwork network(new QNetworkAccessManager);
     network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);
     if (isLoopback(endpoint))
         network->setProxy(QNetworkProxy::NoProxy);
@@ -50,6 +50,12 @@ std::unique_ptr<QNetworkAccessManager> makeNetwork(const QUrl& endpoint)
 namespace {
 const char* const exceededProperty = "tolvaneAnswerLimitExceeded";
 }  // namespace
+
+void LaterDeleter::operator()(QObject* object) const
+{
+    if (object)
+        object->deleteLater();
+}
 
 void limitAnswer(QNetworkReply* reply, qint64 limit)
 {

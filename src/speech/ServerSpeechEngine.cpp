@@ -59,7 +59,7 @@ private:
 
     const Config config_;
     ServerAnalyzer& owner_;
-    std::unique_ptr<QNetworkAccessManager> network_;
+    LocalServer::OwnedNetwork network_;
     bool stopped_ = false;
 };
 
@@ -389,7 +389,7 @@ QCoro::Task<ServerSpeechEngine::Availability> ServerSpeechEngine::checkAvailabil
         co_return result;
 
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
-    std::unique_ptr<QNetworkReply> reply(network->get(QNetworkRequest(QUrl(TranscriptionApi::probeUrl(endpoint)))));
+    LocalServer::OwnedReply reply(network->get(QNetworkRequest(QUrl(TranscriptionApi::probeUrl(endpoint)))));
     LocalServer::limitAnswer(reply.get());
     const bool finished = co_await qCoro(reply.get()).waitForFinished(config.availabilityTimeout);
     if (!finished) {

@@ -77,7 +77,7 @@ QCoro::Task<Probe> probe(QString endpoint, QString wantedModel, bool allowRemote
         co_return Probe{false, {}, refused};
 
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
-    std::unique_ptr<QNetworkReply> reply(network->get(jsonRequest(endpoint + QStringLiteral("/models"))));
+    LocalServer::OwnedReply reply(network->get(jsonRequest(endpoint + QStringLiteral("/models"))));
     LocalServer::limitAnswer(reply.get());
     const bool finished = co_await qCoro(reply.get()).waitForFinished(CleanupEngine::availabilityTimeout);
     if (!finished) {
@@ -112,7 +112,7 @@ struct Generation {
 QCoro::Task<Generation> generate(QString endpoint, QString model, QString instructions, QString prompt)
 {
     auto network = LocalServer::makeNetwork(QUrl(endpoint));
-    std::unique_ptr<QNetworkReply> reply(network->post(jsonRequest(endpoint + QStringLiteral("/chat/completions")),
+    LocalServer::OwnedReply reply(network->post(jsonRequest(endpoint + QStringLiteral("/chat/completions")),
                                                        ChatCompletions::requestBody(model, instructions, prompt)));
     LocalServer::limitAnswer(reply.get());
     // No time limit: a large model on a slow machine may take minutes, and the caller waits.
