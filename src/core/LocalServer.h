@@ -44,7 +44,6 @@ constexpr qint64 maxAnswerBytes = 4 * 1024 * 1024;
 // says that the answer was too large.
 void limitAnswer(QNetworkReply* reply, qint64 limit = maxAnswerBytes);
 
-
 // What a finished reply holds; nothing when it was aborted (past the limit, or out of time).
 QByteArray body(QNetworkReply* reply);
 

@@ -107,10 +107,9 @@ private Q_SLOTS:
         qputenv("DISPLAY", x.display().toLocal8Bit());
         launch({{QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb")}});
         const TestSupport::LogMark mark;
-        // Never closed: closing a connection whose server is gone ends the process. (Kept where
-        // leak checkers still reach it.)
-        static QList<Fingers*> kept;
-        Fingers* fingers = kept.emplace_back(new Fingers);
+        // Never closed: closing a connection whose server is gone ends the process.
+        static auto* kept = new QList<Fingers*>;  // never destroyed, so leak checkers still reach them
+        Fingers* fingers = kept->emplace_back(new Fingers);
         fingers->press(altL);
         return fingers->ok() && capturingNow(mark, children);
     }
