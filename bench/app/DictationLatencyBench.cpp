@@ -350,11 +350,7 @@ public:
         tolvane_.setProcessChannelMode(QProcess::SeparateChannels);
         tolvane_.setStandardOutputFile(QProcess::nullDevice());
         tolvane_.setStandardErrorFile(QProcess::nullDevice());  // its log mirror; the log file has it all
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        const QMap<QString, QString> extra = desk_.environment();
-        for (auto it = extra.begin(); it != extra.end(); ++it)
-            env.insert(it.key(), it.value());
-        tolvane_.setProcessEnvironment(env);
+        tolvane_.setProcessEnvironment(TestSupport::environmentWith(desk_.environment()));
         tolvane_.start(TestSupport::tolvaneBinary(), {});
         if (!tolvane_.waitForStarted(10000))
             return fail(QStringLiteral("tolvane did not start"));

@@ -51,10 +51,7 @@ class DisplayLossTest : public QObject {
 
     void launch(const QMap<QString, QString>& session)
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (auto it = session.begin(); it != session.end(); ++it)
-            env.insert(it.key(), it.value());
-        tolvane_.setProcessEnvironment(env);
+        tolvane_.setProcessEnvironment(TestSupport::environmentWith(session));
         const TestSupport::LogMark mark;
         tolvane_.start(TestSupport::tolvaneBinary(), {});
         QVERIFY(mark.waitFor(ready, 60000));

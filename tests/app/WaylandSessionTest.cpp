@@ -50,12 +50,9 @@ private Q_SLOTS:
         QCOMPARE(microphone_.start(), QString());
         microphone_.listen();  // hears all the time, as a real microphone does
         keyboard_ = std::make_unique<KeyPipe>(AudioTest::sandboxPath(u"keyboard"_s));
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        const QMap<QString, QString> session = sway_.clientEnvironment();
-        for (auto it = session.begin(); it != session.end(); ++it)
-            env.insert(it.key(), it.value());
-        env.insert(u"TOLVANE_INPUT_DEVICES"_s, keyboard_->path());
-        tolvane_.setProcessEnvironment(env);
+        QMap<QString, QString> session = sway_.clientEnvironment();
+        session.insert(u"TOLVANE_INPUT_DEVICES"_s, keyboard_->path());
+        tolvane_.setProcessEnvironment(TestSupport::environmentWith(session));
         tolvane_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         QVERIFY2(TestSupport::waitUntil([] { return QFile::exists(SwaySession::terminalOutput()); }, 20000), "foot did not start");
         Preferences::shared().setCleanupMode(CleanupMode::raw);  // exactly what was said

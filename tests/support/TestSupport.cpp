@@ -103,14 +103,20 @@ void stop(QProcess& process)
 
 QString tolvaneBinary() { return QStringLiteral(TOLVANE_BINARY); }
 
+QProcessEnvironment environmentWith(const QMap<QString, QString>& set)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (auto it = set.begin(); it != set.end(); ++it)
+        env.insert(it.key(), it.value());
+    return env;
+}
+
 ProgramRun runTolvane(const Program& program)
 {
     QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment env = environmentWith(program.set);
     for (const QString& name : program.unset)
         env.remove(name);
-    for (auto it = program.set.begin(); it != program.set.end(); ++it)
-        env.insert(it.key(), it.value());
     process.setProcessEnvironment(env);
     if (!program.workingDirectory.isEmpty())
         process.setWorkingDirectory(program.workingDirectory);

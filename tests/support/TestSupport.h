@@ -4,6 +4,7 @@
 // their end, and the tolvane program run as a user runs it.
 
 #include <QMap>
+#include <QProcessEnvironment>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -86,6 +87,9 @@ QString thrown(QCoro::Task<T> task)
 
 // Ends a process politely, then firmly; nothing when it is not running.
 void stop(QProcess& process);
+
+// The test's own environment with `set` added (or replaced).
+QProcessEnvironment environmentWith(const QMap<QString, QString>& set);
 
 // One run of the tolvane program, started as from a shell.
 struct Program {
