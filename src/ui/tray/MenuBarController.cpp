@@ -1,5 +1,6 @@
 #include "ui/tray/MenuBarController.h"
 
+#include "keyboard/evdev/InputAccess.h"
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 #include "ui/widgets/Theme.h"
@@ -237,7 +238,7 @@ void MenuBarController::explainMissingTray()
                          + addTray;
     // Compositors such as sway focus every new window, whatever it asks: a message box would take
     // the keys from whatever the user is typing into. A desktop notification never does.
-    if (X11Desktop::overlayHint() && notify(title, text)) {
+    if (InputAccess::waylandSession() && notify(title, text)) {
         Diagnostics::log(QStringLiteral("menubar: told the user the menu is on the pill (desktop notification)"));
         return;
     }
