@@ -86,10 +86,10 @@ std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds, d
     std::vector<Recording> out;
     const QString lead = QString::number(leadSeconds);
     const QString tail = QString::number(tailSeconds);
-    const QStringList& sentences = length == Length::sentence ? kSentences : longSentences();
+    const QStringList& sentences = length == Length::sentence ? kSentences : length == Length::long_ ? longSentences() : heldOutSentences();
     for (int i = 0; i < sentences.size(); ++i) {
         const QString base = QDir(cacheDir).filePath(
-            QStringLiteral("%1%2").arg(length == Length::sentence ? QLatin1Char('s') : QLatin1Char('l')).arg(i, 2, 10, QLatin1Char('0')));
+            QStringLiteral("%1%2").arg(QLatin1Char("slh"[static_cast<int>(length)])).arg(i, 2, 10, QLatin1Char('0')));
         const QString voice = base + QStringLiteral("-voice.wav");
         if (!QFileInfo::exists(voice)
             && !run(QStringLiteral("text2wave"),
@@ -156,6 +156,29 @@ const QStringList& longSentences()
                        "we can finish the plan"),
         QStringLiteral("we drove along the coast for three hours stopped for lunch in a small fishing village and arrived at "
                        "the hotel just before sunset"),
+    };
+    return sentences;
+}
+
+const QStringList& heldOutSentences()
+{
+    static const QStringList sentences{
+        QStringLiteral("the children want to visit their grandmother in the country during the summer holidays"),
+        QStringLiteral("could you print two copies of the contract and leave them at the front desk"),
+        QStringLiteral("our internet connection was down for most of the morning so the update is late"),
+        QStringLiteral("i left my umbrella on the bus this morning and now it is raining again"),
+        QStringLiteral("the library closes early on sundays so return the books by saturday night"),
+        QStringLiteral("please remember to lock the back door and switch off the lights when you leave"),
+        QStringLiteral("the new manager wants a short summary of every project by the end of the month"),
+        QStringLiteral("we need more chairs for the meeting room because twelve people are coming"),
+        QStringLiteral("my sister is moving to a bigger apartment near the park next spring"),
+        QStringLiteral("the price of the tickets went up again so we may travel by car instead"),
+        QStringLiteral("tell the plumber that the water heater in the basement is leaking again"),
+        QStringLiteral("i would like to order a large pizza with mushrooms and a bottle of water"),
+        QStringLiteral("the museum has a new exhibition about old maps and the people who drew them"),
+        QStringLiteral("do not forget that the car needs new tyres before we drive to the mountains"),
+        QStringLiteral("she said the results of the survey will be ready after the long weekend"),
+        QStringLiteral("write down the phone number of the garage so we can call them on monday"),
     };
     return sentences;
 }

@@ -27,12 +27,14 @@ struct Recording {
 // The benchmark sentences (3-4 s each, or about 10 s), synthesised into `cacheDir` on first use,
 // with `leadSeconds` of silence before and `tailSeconds` after the words (the pause before the key
 // comes up).
-enum class Length { sentence, long_ };
+// `heldOut`: sentences no setting was chosen on, to check that a choice did not merely fit the others.
+enum class Length { sentence, long_, heldOut };
 std::vector<Recording> recordings(const QString& cacheDir, double leadSeconds = 0.3, double tailSeconds = 0.3,
                                   Length length = Length::sentence);
 
 // The ~10 s sentences, as said.
 const QStringList& longSentences();
+const QStringList& heldOutSentences();
 
 // Re-runs the benchmark under tests/support/run-test.sh (with `xvfb`, also on an X server of its
 // own) unless it already runs there, so the user's settings, history and desktop are never touched.
