@@ -13,6 +13,7 @@
 //
 // Run: build/bench/app/bench_dictation_latency [runs-per-row] [idle-seconds]
 //          [--release-after S] [--speech-after S]   (one more row with these delays)
+//          [--split-after MS]   (the segment length after which the "split" decoder ends at a pause; 2000)
 //          [--wayland]   (in a headless sway session, typing into foot; the decoder as it is, no idle part)
 // It re-runs itself under tests/support/run-test.sh --xvfb for its own X server and XDG folders.
 #include "BenchSpeech.h"
@@ -319,7 +320,7 @@ struct Tuning {
 const Tuning before{QStringLiteral("before"), 0, 0};
 const Tuning now{QStringLiteral("now"), Settings::speechLeadInMs.fallback, Settings::speechSplitAfterMs.fallback};
 // Not the default: faster at the key-up, more wrong words.
-const Tuning split{QStringLiteral("split"), Settings::speechLeadInMs.fallback, 2000};
+Tuning split{QStringLiteral("split"), Settings::speechLeadInMs.fallback, 2000};  // --split-after MS
 
 class Bench {
 public:
@@ -784,6 +785,8 @@ int main(int argc, char** argv)
             releaseAfter = args[++i].toDouble();
         else if (args[i] == QLatin1String("--speech-after") && i + 1 < args.size())
             speechAfter = args[++i].toDouble();
+        else if (args[i] == QLatin1String("--split-after") && i + 1 < args.size())
+            split.splitAfterMs = args[++i].toInt();
         else
             positional << args[i];
     }
