@@ -21,8 +21,14 @@ DecoderSession::DecoderSession(ps_decoder_s* decoder, const PocketsphinxEngine::
 
 DecoderSession::~DecoderSession()
 {
-    if (uttOpen_)
-        ps_end_utt(ps_);
+    if (!uttOpen_)
+        return;
+    ps_end_utt(ps_);
+    // A dictation thrown away mid-word (or never fed) ends the decoder's utterance there; normalised
+    // against that fragment, the next dictation's words were garbled ("the meeting moved…" heard as
+    // "then he came…").
+    if (!normalisation_.empty())
+        cmn_live_set(ps_get_feat(ps_)->cmn_struct, normalisation_.data());
 }
 
 void DecoderSession::begin()

@@ -18,7 +18,7 @@ struct ps_decoder_s;
 class DecoderSession {
 public:
     DecoderSession(ps_decoder_s* decoder, const PocketsphinxEngine::Settings& settings);
-    ~DecoderSession();  // ends an utterance still open, without its text
+    ~DecoderSession();  // ends an utterance still open, without its text or any say in the normalisation
 
     // Starts the stream with the settings' lead-in.
     void begin();
