@@ -100,6 +100,14 @@ std::optional<AudioBuffer> AudioConverter::convertBlock(const AudioBuffer& input
     return output;
 }
 
+AudioBuffer AudioConverter::finishStream()
+{
+    AudioBuffer output;
+    // The delay of soxr's filters, at any rate ratio a microphone has, is far below this.
+    convert(output, 8192, [](const AudioBuffer*&) { return InputStatus::endOfStream; });
+    return output;
+}
+
 QString AudioConverter::describe(const AudioFormat& format)
 {
     return QStringLiteral("%1 Hz, %2 ch, Float32, %3")

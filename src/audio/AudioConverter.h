@@ -51,6 +51,10 @@ public:
     // reports noDataNow. None on a conversion error (the block is lost, the stream goes on).
     std::optional<AudioBuffer> convertBlock(const AudioBuffer& input);
 
+    // What the resampler still holds back, once the stream has ended (it may be empty). The
+    // converter takes no more input after it.
+    AudioBuffer finishStream();
+
     // Output frames the resampler holds back at the moment (its delay).
     double delay() const;
 

@@ -56,6 +56,11 @@ void AudioEngineController::stop()
         return;
     removeConfigObserver();
     source_->stop();
+    // The resampler's held-back samples are the last few milliseconds before the key came up.
+    if (tap_ && tap_->converter) {
+        if (AudioBuffer rest = tap_->converter->finishStream(); !rest.samples.empty() && onBuffer)
+            onBuffer(std::move(rest));
+    }
     running_ = false;
     meter_.resetLevel();
     if (onAmplitude)

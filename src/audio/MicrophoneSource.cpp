@@ -11,9 +11,11 @@
 #include <QPointer>
 #include <QThread>
 
+#include <algorithm>
 #include <exception>
 #include <future>
 #include <optional>
+#include <thread>
 
 struct MicrophoneSource::Capture {
     std::function<void()> notify;  // reports a change to the GUI thread; any thread
@@ -33,8 +35,9 @@ struct MicrophoneSource::Capture {
 
     bool current() const { return session.load(std::memory_order_acquire) == runningSession; }
 
-    // Moves what the device has into 1024-frame blocks and hands each full one over.
-    void drain()
+    // Moves what the device has into 1024-frame blocks and hands each full one over; while the
+    // capture ends, to the handler of the capture that ends.
+    void drain(bool ending = false)
     {
         if (!io)
             return;
@@ -47,10 +50,24 @@ struct MicrophoneSource::Capture {
             filledBytes += static_cast<std::size_t>(got);
             if (filledBytes == blockBytes) {
                 filledBytes = 0;
-                if (handler && current())
+                if (handler && (ending || current()))
                     handler(block);
             }
         }
+    }
+
+    // Hands over what the device still holds, the last block shorter, as the capture stops: people
+    // let go of the key as they finish the last word, and its end is in there.
+    void drainTail()
+    {
+        drain(true);
+        const std::size_t frameBytes = sizeof(float) * static_cast<std::size_t>(block.format.channelCount);
+        const std::size_t whole = filledBytes / frameBytes * frameBytes;
+        filledBytes = 0;
+        if (whole == 0 || !handler)
+            return;
+        const auto end = block.samples.begin() + static_cast<std::ptrdiff_t>(whole / sizeof(float));
+        handler(AudioBuffer{block.format, std::vector<float>(block.samples.begin(), end)});
     }
 };
 
@@ -61,6 +78,9 @@ struct Choice {
     QString id;
     QString description;
 };
+
+// Frames in 20 ms of the device's sound.
+int fragmentFrames(const AudioFormat& format) { return std::max(1, static_cast<int>(format.sampleRate / 50)); }
 
 }  // namespace
 
@@ -212,7 +232,9 @@ void MicrophoneSource::startOnAudioThread(int session, BlockHandler handler)
             c.audio = std::make_unique<QAudioSource>(c.device, c.format);
             const AudioFormat format{static_cast<double>(c.format.sampleRate()), c.format.channelCount()};
             c.block = AudioBuffer{format, std::vector<float>(static_cast<std::size_t>(blockFrames) * format.channelCount)};
-            c.audio->setBufferSize(static_cast<qsizetype>(c.block.samples.size() * sizeof(float) * 4));
+            // The sound server passes the microphone's sound on in pieces of this size: at most this
+            // much of what was said before the key came up is still on its way when it does.
+            c.audio->setBufferSize(static_cast<qsizetype>(fragmentFrames(format) * format.channelCount * sizeof(float)));
             c.io = c.audio->start();
             if (!c.io || c.audio->error() != QAudio::NoError) {
                 const int error = c.audio->error();
@@ -241,11 +263,19 @@ void MicrophoneSource::stop()
     if (!started_)
         return;
     started_ = false;
+    const int ending = capture_->session.load();
     ++capture_->session;
+    // The tail goes to the handler only while stop() waits for it: should the sound server keep the
+    // audio thread past the wait, the tail is given up rather than delivered after stop() returned.
+    auto tail = std::make_shared<std::atomic<int>>(0);  // 0 open, 1 being delivered, 2 done or given up
     try {
         onAudioThread(
-            [capture = capture_] {
+            [capture = capture_, ending, tail] {
                 Capture& c = *capture;
+                if (int open = 0; c.runningSession == ending && tail->compare_exchange_strong(open, 1)) {
+                    c.drainTail();
+                    tail->store(2);
+                }
                 if (c.audio)
                     c.audio->stop();
                 c.io = nullptr;
@@ -256,6 +286,9 @@ void MicrophoneSource::stop()
             },
             QStringLiteral("closing the microphone"));
     } catch (const CollaboratorError& error) {
+        if (int open = 0; !tail->compare_exchange_strong(open, 2))
+            while (tail->load() != 2)
+                std::this_thread::yield();  // the tail is being handed over this moment
         Diagnostics::log(QStringLiteral("audio: ") + error.localizedDescription());
     }
 }

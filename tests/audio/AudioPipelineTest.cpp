@@ -104,9 +104,13 @@ private Q_SLOTS:
             QCOMPARE(out.samples, AudioTest::sine(input, 100 * 1024, frequency, 0.5f).samples);
             return;
         }
-        // Every frame comes out but what the resampler holds back (less than a block).
+        // Every frame comes out: what the resampler held back, once the capture stops.
+        const qsizetype delivered = rig.buffers.size();
+        rig.audio.stop();
+        for (qsizetype b = delivered; b < rig.buffers.size(); ++b)
+            out.samples.insert(out.samples.end(), rig.buffers[b].samples.begin(), rig.buffers[b].samples.end());
         const double frames = 100 * 1024 * output.sampleRate / input.sampleRate;
-        QVERIFY2(out.frameCount() <= frames && out.frameCount() > frames - 1024, qPrintable(QString::number(out.frameCount())));
+        QVERIFY2(std::abs(double(out.frameCount()) - frames) <= 1, qPrintable(QString::number(out.frameCount())));
         const std::size_t settled = 2000;  // past the filter's start-up
         const std::vector<float> first = AudioTest::channel(out, 0);
         for (int c = 1; c < output.channelCount; ++c)

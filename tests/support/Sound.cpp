@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sndfile.h>
+#include <soxr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +38,32 @@ void blockBrokenPipe()
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+}
+
+// The pipe microphone speaks 48 kHz stereo, as most microphones do. The sound server reads a pipe in
+// pieces of PIPE_BUF (4096 bytes) and passes each on whole: at 16 kHz mono a piece was 128 ms, far
+// more than the few milliseconds a real microphone keeps back, and the end of what was said reached
+// the program late.
+constexpr int pipeRate = 48000, pipeChannels = 2, pipeFrameBytes = 2 * pipeChannels;
+
+// 16 kHz mono 16-bit samples as the pipe's frames.
+QByteArray toPipe(const QByteArray& pcm16k)
+{
+    const auto* in = reinterpret_cast<const qint16*>(pcm16k.constData());
+    const std::size_t frames = static_cast<std::size_t>(pcm16k.size() / 2);
+    std::vector<float> mono(frames), high(frames * 3 + 64);
+    for (std::size_t i = 0; i < frames; ++i)
+        mono[i] = in[i] / 32768.0f;
+    std::size_t made = 0;
+    const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+    if (soxr_oneshot(16000, pipeRate, 1, mono.data(), frames, nullptr, high.data(), high.size(), &made, &io, nullptr, nullptr))
+        return {};
+    QByteArray out(static_cast<qsizetype>(made) * pipeFrameBytes, Qt::Uninitialized);
+    auto* p = reinterpret_cast<qint16*>(out.data());
+    for (std::size_t i = 0; i < made; ++i)
+        for (int c = 0; c < pipeChannels; ++c)
+            *p++ = static_cast<qint16>(std::lrint(std::clamp(high[i], -1.0f, 1.0f) * 32767.0f));
+    return out;
 }
 }  // namespace
 
@@ -161,7 +188,7 @@ void PipeMicrophone::stop()
 QString PipeMicrophone::start()
 {
     if (QString problem = server_.start(
-            {QStringLiteral("module-pipe-source source_name=mic file=%1 format=s16le rate=16000 channels=1").arg(fifo_)});
+            {QStringLiteral("module-pipe-source source_name=mic file=%1 format=s16le rate=%2 channels=%3").arg(fifo_).arg(pipeRate).arg(pipeChannels)});
         !problem.isEmpty())
         return problem;
     if (pactl({QStringLiteral("set-default-source"), QStringLiteral("mic")}).isEmpty())
@@ -169,19 +196,20 @@ QString PipeMicrophone::start()
     return {};
 }
 
-void PipeMicrophone::speak(const QByteArray& pcm, bool pace)
+void PipeMicrophone::speak(const QByteArray& speech, bool pace)
 {
     if (listening_) {
-        say(pcm, Clock::now());
+        say(speech, Clock::now());
         waitUntilSaid();
         return;
     }
+    const QByteArray pcm = toPipe(speech);
     std::atomic<bool> done{false};
     std::thread writer([&] {
         blockBrokenPipe();
         const int fd = ::open(fifo_.toLocal8Bit().constData(), O_WRONLY);
         if (fd >= 0) {
-            constexpr qsizetype piece = 16000 * 2 / 10;
+            constexpr qsizetype piece = pipeRate * pipeFrameBytes / 10;
             const auto begin = std::chrono::steady_clock::now();
             for (qsizetype at = 0; at < pcm.size(); at += piece) {
                 const qsizetype n = std::min(piece, pcm.size() - at);
@@ -206,8 +234,9 @@ void PipeMicrophone::listen()
     feeder_ = std::thread([this] { feed(); });
 }
 
-void PipeMicrophone::say(const QByteArray& pcm, Clock::time_point at)
+void PipeMicrophone::say(const QByteArray& speech, Clock::time_point at)
 {
+    const QByteArray pcm = toPipe(speech);
     std::lock_guard lock(mutex_);
     pending_ = pcm;
     due_ = at;
@@ -237,7 +266,7 @@ void PipeMicrophone::feed()
     // not kept for later: the pipe holds only a moment of it and what does not fit is dropped.
     ::fcntl(fd, F_SETPIPE_SZ, 4096);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-    constexpr int step = 160;  // 10 ms at 16 kHz
+    constexpr int step = pipeRate / 100 * pipeChannels;  // samples of 10 ms
     std::uint32_t noise = 12345;
     const Clock::time_point begin = Clock::now();
     for (long n = 1; listening_; ++n) {

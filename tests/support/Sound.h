@@ -70,8 +70,9 @@ private:
     QProcess daemon_;
 };
 
-// A sound server whose default source "mic" is a pipe read as 16 kHz mono s16le (while nothing is
-// written, it delivers nothing).
+// A sound server whose default source "mic" is a pipe read as 48 kHz stereo s16le, as a microphone
+// would be (while nothing is written, it delivers nothing). It is given speech as 16 kHz mono 16-bit
+// samples.
 class PipeMicrophone {
 public:
     using Clock = std::chrono::steady_clock;
