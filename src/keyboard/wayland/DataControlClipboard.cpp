@@ -159,8 +159,7 @@ DataControl<P>::DataControl(WaylandConnection& connection, Device* device) : con
 template <typename P>
 DataControl<P>::~DataControl()
 {
-    if (connection_.broken())
-        return;
+    // Also when the compositor is gone: the proxies are freed, and nothing is sent.
     for (auto& [offer, types] : offers_)
         P::destroyOffer(offer);
     for (auto& [source, content] : sources_)
