@@ -1,7 +1,9 @@
 #include "keyboard/wayland/DataControlClipboard.h"
 
+#include "keyboard/ClipboardRestore.h"
 #include "keyboard/wayland/WaylandConnection.h"
 
+#include "ext-data-control-v1-client-protocol.h"
 #include "wlr-data-control-unstable-v1-client-protocol.h"
 
 #include <QTimer>
@@ -10,6 +12,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <map>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
@@ -41,75 +44,139 @@ std::optional<QByteArray> readAll(int fd, qint64 limit, int timeoutMs)
             return std::nullopt;
     }
 }
-}  // namespace
 
-std::unique_ptr<DataControlClipboard> DataControlClipboard::create(WaylandConnection& connection)
+// The generated names of one data-control protocol. ext_data_control_v1 was standardised from
+// wlr_data_control_unstable_v1 with the same messages in the same order: only the prefix differs.
+#define TOLVANE_DATA_CONTROL_PROTOCOL(Name, prefix, connectionGetter)                                                  \
+    struct Name {                                                                                                      \
+        using Manager = prefix##_manager_v1;                                                                           \
+        using Device = prefix##_device_v1;                                                                             \
+        using Source = prefix##_source_v1;                                                                             \
+        using Offer = prefix##_offer_v1;                                                                               \
+        using DeviceListener = prefix##_device_v1_listener;                                                            \
+        using SourceListener = prefix##_source_v1_listener;                                                            \
+        using OfferListener = prefix##_offer_v1_listener;                                                              \
+        static constexpr const char* name = #prefix "_manager_v1";                                                     \
+        static constexpr auto manager = &WaylandConnection::connectionGetter;                                          \
+        static constexpr auto getDataDevice = &prefix##_manager_v1_get_data_device;                                    \
+        static constexpr auto createDataSource = &prefix##_manager_v1_create_data_source;                              \
+        static constexpr auto addDeviceListener = &prefix##_device_v1_add_listener;                                    \
+        static constexpr auto setSelection = &prefix##_device_v1_set_selection;                                        \
+        static constexpr auto destroyDevice = &prefix##_device_v1_destroy;                                             \
+        static constexpr auto addSourceListener = &prefix##_source_v1_add_listener;                                    \
+        static constexpr auto offer = &prefix##_source_v1_offer;                                                       \
+        static constexpr auto destroySource = &prefix##_source_v1_destroy;                                             \
+        static constexpr auto addOfferListener = &prefix##_offer_v1_add_listener;                                      \
+        static constexpr auto receive = &prefix##_offer_v1_receive;                                                    \
+        static constexpr auto destroyOffer = &prefix##_offer_v1_destroy;                                               \
+    };
+TOLVANE_DATA_CONTROL_PROTOCOL(ExtDataControl, ext_data_control, extDataControl)
+TOLVANE_DATA_CONTROL_PROTOCOL(WlrDataControl, zwlr_data_control, wlrDataControl)
+#undef TOLVANE_DATA_CONTROL_PROTOCOL
+
+template <typename P>
+class DataControl final : public DataControlClipboard {
+public:
+    using Device = typename P::Device;
+    using Source = typename P::Source;
+    using Offer = typename P::Offer;
+
+    static std::unique_ptr<DataControlClipboard> create(WaylandConnection& connection);
+    ~DataControl() override;
+
+    const char* protocol() const override { return P::name; }
+    bool setForPaste(const QString& text, std::optional<ClipboardContent> ownContent) override;
+    void keystrokeSent() override;
+
+private:
+    DataControl(WaylandConnection& connection, Device* device);
+    ClipboardContent read(Offer* offer);
+    Source* offerContent(const ClipboardContent& content);
+    void onSend(Source* source, const char* mimeType, int fd);
+    void onCancelled(Source* source);
+    void schedule();
+    void onTimer();
+
+    WaylandConnection& connection_;
+    Device* device_;
+    std::map<Offer*, QList<QByteArray>> offers_;  // the MIME types each offer announced
+    Offer* selection_ = nullptr;
+    std::map<Source*, ClipboardContent> sources_;
+    Source* pasteSource_ = nullptr;
+    Source* restoredSource_ = nullptr;  // the user's content, served by us
+    ClipboardRestore restore_;
+    QTimer* timer_ = nullptr;
+};
+
+template <typename P>
+std::unique_ptr<DataControlClipboard> DataControl<P>::create(WaylandConnection& connection)
 {
-    if (!connection.dataControl() || !connection.seat())
+    auto* manager = (connection.*P::manager)();
+    if (!manager || !connection.seat())
         return nullptr;
     // A reader that goes away before the answer is complete must not end Tolvane.
     std::signal(SIGPIPE, SIG_IGN);
-    auto* device = zwlr_data_control_manager_v1_get_data_device(connection.dataControl(), connection.seat());
-    std::unique_ptr<DataControlClipboard> clipboard(new DataControlClipboard(connection, device));
-    static const zwlr_data_control_device_v1_listener listener{
-        [](void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) {
-            auto* self = static_cast<DataControlClipboard*>(data);
+    Device* device = P::getDataDevice(manager, connection.seat());
+    std::unique_ptr<DataControl> clipboard(new DataControl(connection, device));
+    static const typename P::DeviceListener listener{
+        [](void* data, Device*, Offer* offer) {
+            auto* self = static_cast<DataControl*>(data);
             self->offers_[offer] = {};
-            static const zwlr_data_control_offer_v1_listener offerListener{
-                [](void* data, zwlr_data_control_offer_v1* offer, const char* mimeType) {
-                    static_cast<DataControlClipboard*>(data)->offers_[offer].types << QByteArray(mimeType);
-                }};
-            zwlr_data_control_offer_v1_add_listener(offer, &offerListener, self);
+            static const typename P::OfferListener offerListener{[](void* data, Offer* offer, const char* mimeType) {
+                static_cast<DataControl*>(data)->offers_[offer] << QByteArray(mimeType);
+            }};
+            P::addOfferListener(offer, &offerListener, self);
         },
-        [](void* data, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1* offer) {
-            auto* self = static_cast<DataControlClipboard*>(data);
+        [](void* data, Device*, Offer* offer) {
+            auto* self = static_cast<DataControl*>(data);
             if (self->selection_ && self->selection_ != offer) {
                 self->offers_.erase(self->selection_);
-                zwlr_data_control_offer_v1_destroy(self->selection_);
+                P::destroyOffer(self->selection_);
             }
             self->selection_ = offer;
         },
-        [](void* data, zwlr_data_control_device_v1*) {
+        [](void* data, Device*) {
             // The seat is gone; the device is of no more use.
-            auto* self = static_cast<DataControlClipboard*>(data);
-            zwlr_data_control_device_v1_destroy(self->device_);
+            auto* self = static_cast<DataControl*>(data);
+            P::destroyDevice(self->device_);
             self->device_ = nullptr;
         },
-        [](void*, zwlr_data_control_device_v1*, zwlr_data_control_offer_v1*) {}};
-    zwlr_data_control_device_v1_add_listener(device, &listener, clipboard.get());
+        [](void*, Device*, Offer*) {}};
+    P::addDeviceListener(device, &listener, clipboard.get());
     if (!connection.roundtrip())
         return nullptr;
     return clipboard;
 }
 
-DataControlClipboard::DataControlClipboard(WaylandConnection& connection, zwlr_data_control_device_v1* device)
-    : connection_(connection), device_(device)
+template <typename P>
+DataControl<P>::DataControl(WaylandConnection& connection, Device* device) : connection_(connection), device_(device)
 {
     timer_ = new QTimer(this);
     timer_->setSingleShot(true);
-    connect(timer_, &QTimer::timeout, this, &DataControlClipboard::onTimer);
+    connect(timer_, &QTimer::timeout, this, &DataControl::onTimer);
 }
 
-DataControlClipboard::~DataControlClipboard()
+template <typename P>
+DataControl<P>::~DataControl()
 {
-    if (connection_.broken())
-        return;
-    for (auto& [offer, o] : offers_)
-        zwlr_data_control_offer_v1_destroy(offer);
+    // Also when the compositor is gone: the proxies are freed, and nothing is sent.
+    for (auto& [offer, types] : offers_)
+        P::destroyOffer(offer);
     for (auto& [source, content] : sources_)
-        zwlr_data_control_source_v1_destroy(source);
+        P::destroySource(source);
     if (device_)
-        zwlr_data_control_device_v1_destroy(device_);
+        P::destroyDevice(device_);
     connection_.flush();
 }
 
-ClipboardContent DataControlClipboard::read(zwlr_data_control_offer_v1* offer)
+template <typename P>
+ClipboardContent DataControl<P>::read(Offer* offer)
 {
     ClipboardContent content;
     const auto it = offers_.find(offer);
     if (!offer || it == offers_.end())
         return content;
-    for (const QByteArray& type : ClipboardContent::fetchOrder(it->second.types)) {
+    for (const QByteArray& type : ClipboardContent::fetchOrder(it->second)) {
         const qint64 budget = content.budgetFor(type);
         if (budget == 0) {
             content.overflow();
@@ -118,7 +185,7 @@ ClipboardContent DataControlClipboard::read(zwlr_data_control_offer_v1* offer)
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0)
             break;
-        zwlr_data_control_offer_v1_receive(offer, type.constData(), fds[1]);
+        P::receive(offer, type.constData(), fds[1]);
         close(fds[1]);
         connection_.flush();
         const auto data = readAll(fds[0], budget, readTimeoutMs);
@@ -131,23 +198,23 @@ ClipboardContent DataControlClipboard::read(zwlr_data_control_offer_v1* offer)
     return content;
 }
 
-zwlr_data_control_source_v1* DataControlClipboard::offerContent(const ClipboardContent& content)
+template <typename P>
+typename P::Source* DataControl<P>::offerContent(const ClipboardContent& content)
 {
-    auto* source = zwlr_data_control_manager_v1_create_data_source(connection_.dataControl());
-    static const zwlr_data_control_source_v1_listener listener{
-        [](void* data, zwlr_data_control_source_v1* source, const char* mimeType, int32_t fd) {
-            static_cast<DataControlClipboard*>(data)->onSend(source, mimeType, fd);
-        },
-        [](void* data, zwlr_data_control_source_v1* source) { static_cast<DataControlClipboard*>(data)->onCancelled(source); }};
-    zwlr_data_control_source_v1_add_listener(source, &listener, this);
+    Source* source = P::createDataSource((connection_.*P::manager)());
+    static const typename P::SourceListener listener{
+        [](void* data, Source* source, const char* mimeType, int32_t fd) { static_cast<DataControl*>(data)->onSend(source, mimeType, fd); },
+        [](void* data, Source* source) { static_cast<DataControl*>(data)->onCancelled(source); }};
+    P::addSourceListener(source, &listener, this);
     for (const ClipboardItem& item : content.items())
-        zwlr_data_control_source_v1_offer(source, item.mimeType.constData());
+        P::offer(source, item.mimeType.constData());
     sources_[source] = content;
-    zwlr_data_control_device_v1_set_selection(device_, source);
+    P::setSelection(device_, source);
     return source;
 }
 
-bool DataControlClipboard::setForPaste(const QString& text, std::optional<ClipboardContent> ownContent)
+template <typename P>
+bool DataControl<P>::setForPaste(const QString& text, std::optional<ClipboardContent> ownContent)
 {
     if (!device_ || connection_.broken())
         return false;
@@ -170,13 +237,15 @@ bool DataControlClipboard::setForPaste(const QString& text, std::optional<Clipbo
     return connection_.roundtrip();
 }
 
-void DataControlClipboard::keystrokeSent()
+template <typename P>
+void DataControl<P>::keystrokeSent()
 {
     restore_.keystrokeSent(Clock::now());
     schedule();
 }
 
-void DataControlClipboard::onSend(zwlr_data_control_source_v1* source, const char* mimeType, int fd)
+template <typename P>
+void DataControl<P>::onSend(Source* source, const char* mimeType, int fd)
 {
     const auto it = sources_.find(source);
     const ClipboardItem* item = it == sources_.end() ? nullptr : it->second.find(mimeType);
@@ -202,7 +271,8 @@ void DataControlClipboard::onSend(zwlr_data_control_source_v1* source, const cha
     }
 }
 
-void DataControlClipboard::onCancelled(zwlr_data_control_source_v1* source)
+template <typename P>
+void DataControl<P>::onCancelled(Source* source)
 {
     // Someone else owns the selection now (or one of ours replaced it).
     if (source == pasteSource_) {
@@ -213,10 +283,11 @@ void DataControlClipboard::onCancelled(zwlr_data_control_source_v1* source)
     if (source == restoredSource_)
         restoredSource_ = nullptr;
     sources_.erase(source);
-    zwlr_data_control_source_v1_destroy(source);
+    P::destroySource(source);
 }
 
-void DataControlClipboard::schedule()
+template <typename P>
+void DataControl<P>::schedule()
 {
     const auto at = restore_.wakeAt();
     if (!at)
@@ -225,7 +296,8 @@ void DataControlClipboard::schedule()
     timer_->start(static_cast<int>(std::max<long long>(0, wait)));
 }
 
-void DataControlClipboard::onTimer()
+template <typename P>
+void DataControl<P>::onTimer()
 {
     if (restore_.due(Clock::now()) == ClipboardRestore::Due::notYet) {
         schedule();
@@ -236,8 +308,17 @@ void DataControlClipboard::onTimer()
     if (!device_ || connection_.broken())
         return;
     if (previous.isEmpty())
-        zwlr_data_control_device_v1_set_selection(device_, nullptr);  // the dictation does not linger
+        P::setSelection(device_, nullptr);  // the dictation does not linger
     else
         restoredSource_ = offerContent(previous);
     connection_.flush();
+}
+}  // namespace
+
+std::unique_ptr<DataControlClipboard> DataControlClipboard::create(WaylandConnection& connection)
+{
+    // The standard protocol first: it is the maintained one.
+    if (auto clipboard = DataControl<ExtDataControl>::create(connection))
+        return clipboard;
+    return DataControl<WlrDataControl>::create(connection);
 }

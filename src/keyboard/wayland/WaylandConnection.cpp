@@ -1,5 +1,6 @@
 #include "keyboard/wayland/WaylandConnection.h"
 
+#include "ext-data-control-v1-client-protocol.h"
 #include "virtual-keyboard-unstable-v1-client-protocol.h"
 #include "wlr-data-control-unstable-v1-client-protocol.h"
 #include "wlr-foreign-toplevel-management-unstable-v1-client-protocol.h"
@@ -32,8 +33,10 @@ WaylandConnection::~WaylandConnection()
         zwlr_foreign_toplevel_handle_v1_destroy(handle);
     if (toplevels_)
         zwlr_foreign_toplevel_manager_v1_destroy(toplevels_);
-    if (dataControl_)
-        zwlr_data_control_manager_v1_destroy(dataControl_);
+    if (extDataControl_)
+        ext_data_control_manager_v1_destroy(extDataControl_);
+    if (wlrDataControl_)
+        zwlr_data_control_manager_v1_destroy(wlrDataControl_);
     if (virtualKeyboards_)
         zwp_virtual_keyboard_manager_v1_destroy(virtualKeyboards_);
     if (keyboard_)
@@ -120,8 +123,10 @@ void WaylandConnection::onGlobal(void* data, wl_registry* registry, uint32_t nam
         wl_seat_add_listener(self->seat_, &seatListener, self);
     } else if (std::strcmp(interface, zwp_virtual_keyboard_manager_v1_interface.name) == 0) {
         self->virtualKeyboards_ = static_cast<zwp_virtual_keyboard_manager_v1*>(bind(&zwp_virtual_keyboard_manager_v1_interface, 1));
+    } else if (std::strcmp(interface, ext_data_control_manager_v1_interface.name) == 0) {
+        self->extDataControl_ = static_cast<ext_data_control_manager_v1*>(bind(&ext_data_control_manager_v1_interface, 1));
     } else if (std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0) {
-        self->dataControl_ = static_cast<zwlr_data_control_manager_v1*>(bind(&zwlr_data_control_manager_v1_interface, 1));
+        self->wlrDataControl_ = static_cast<zwlr_data_control_manager_v1*>(bind(&zwlr_data_control_manager_v1_interface, 1));
     } else if (std::strcmp(interface, zwlr_foreign_toplevel_manager_v1_interface.name) == 0) {
         self->toplevels_ = static_cast<zwlr_foreign_toplevel_manager_v1*>(bind(&zwlr_foreign_toplevel_manager_v1_interface, 1));
         static const zwlr_foreign_toplevel_manager_v1_listener listener{

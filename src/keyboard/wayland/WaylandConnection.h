@@ -10,6 +10,7 @@ struct wl_display;
 struct wl_registry;
 struct wl_seat;
 struct wl_keyboard;
+struct ext_data_control_manager_v1;
 struct zwp_virtual_keyboard_manager_v1;
 struct zwlr_data_control_manager_v1;
 struct zwlr_foreign_toplevel_manager_v1;
@@ -33,7 +34,9 @@ public:
     wl_display* display() const { return display_; }
     wl_seat* seat() const { return seat_; }
     zwp_virtual_keyboard_manager_v1* virtualKeyboards() const { return virtualKeyboards_; }
-    zwlr_data_control_manager_v1* dataControl() const { return dataControl_; }
+    // The two clipboard protocols: the standard one and the wlroots one it grew from.
+    ext_data_control_manager_v1* extDataControl() const { return extDataControl_; }
+    zwlr_data_control_manager_v1* wlrDataControl() const { return wlrDataControl_; }
     bool knowsActiveWindow() const { return toplevels_ != nullptr; }
     // The app id of the window that has the focus; empty when none is known.
     QString activeAppId() const;
@@ -65,7 +68,8 @@ private:
     wl_seat* seat_ = nullptr;
     wl_keyboard* keyboard_ = nullptr;
     zwp_virtual_keyboard_manager_v1* virtualKeyboards_ = nullptr;
-    zwlr_data_control_manager_v1* dataControl_ = nullptr;
+    ext_data_control_manager_v1* extDataControl_ = nullptr;
+    zwlr_data_control_manager_v1* wlrDataControl_ = nullptr;
     zwlr_foreign_toplevel_manager_v1* toplevels_ = nullptr;
     std::map<zwlr_foreign_toplevel_handle_v1*, Toplevel> windows_;
     QByteArray userKeymap_;

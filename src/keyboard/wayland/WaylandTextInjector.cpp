@@ -42,11 +42,13 @@ WaylandTextInjector::WaylandTextInjector(UinputFactory uinput, QObject* parent)
     if (connected)
         dataControl_ = DataControlClipboard::create(*connection_);
     if (dataControl_) {
-        pasting << QStringLiteral("zwlr_data_control_manager_v1");
+        pasting << QString::fromLatin1(dataControl_->protocol());
     } else {
         xwaylandClipboard_ = std::make_unique<X11Clipboard>();
         pasting << QStringLiteral("the Xwayland clipboard (")
-                       + (connected ? QStringLiteral("the compositor offers no zwlr_data_control_manager_v1") : connectionError)
+                       + (connected ? QStringLiteral("the compositor offers neither ext_data_control_manager_v1 nor "
+                                                     "zwlr_data_control_manager_v1")
+                                    : connectionError)
                        + QLatin1Char(')');
     }
     if (connected && connection_->knowsActiveWindow())

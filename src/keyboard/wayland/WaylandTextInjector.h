@@ -18,7 +18,7 @@ class X11Clipboard;
 // Types and pastes into the focused application of a Wayland session, with the best backends the
 // compositor allows, chosen once at start-up: typing through zwp_virtual_keyboard_v1 with Tolvane's
 // own keymap, else a uinput keyboard through the user's layout, else XTest through Xwayland (X11
-// applications only); pasting through the data-control protocol, else the Xwayland clipboard.
+// applications only); pasting through a data-control protocol, else the Xwayland clipboard.
 // Terminals (told by the active window's app id) paste with Ctrl+Shift+V; where the compositor
 // does not tell which window is active, text is typed rather than pasted. GUI thread only.
 class WaylandTextInjector final : public QObject, public AbstractTextInjector {

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+// A Wayland compositor of the test's own, in this process, for the protocols no compositor here
+// offers: a seat and the data-control managers asked for, keeping one selection as a compositor does
+// (every device told of each new one, a paste forwarded to the owner's source, the owner that lost
+// it cancelled). Its socket lies in the sandbox's XDG_RUNTIME_DIR. It runs on a thread of its own,
+// so a client in the test's thread may block on it; each call below waits for that thread.
+class FakeCompositor {
+public:
+    struct Protocols {
+        bool ext = false;  // ext_data_control_manager_v1
+        bool wlr = false;  // zwlr_data_control_manager_v1
+    };
+    // MIME type and bytes, in the order they are offered.
+    using Content = QList<std::pair<QByteArray, QByteArray>>;
+
+    FakeCompositor();
+    ~FakeCompositor();
+    // What went wrong, or an empty string once it listens.
+    QString start(Protocols protocols);
+    // Disconnects every client.
+    void stop();
+    // Its socket's name, for WAYLAND_DISPLAY (beside the test's XDG_RUNTIME_DIR).
+    QString waylandDisplay() const;
+
+    // Another application copies: the compositor's own source serves `content`.
+    void copy(const Content& content);
+    // The selection's MIME types, and its owner: the manager interface of the client that set it,
+    // "compositor" for copy(), empty when there is none.
+    QList<QByteArray> selectionTypes();
+    QString selectionOwner();
+    // How often the selection has changed hands.
+    int selectionChanges();
+    // Pastes `mimeType` as an application does, running the event loop while the owner answers;
+    // nothing when there is no selection or the owner did not close the pipe in time.
+    std::optional<QByteArray> paste(const QByteArray& mimeType, int timeoutMs = 10000);
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
