@@ -36,7 +36,12 @@ for pass in "${passes[@]}"; do
     thread) dir=build-tsan; sanitized_build "$dir" "$pass" ;;
   esac
   echo "test: the suite in $dir/"
-  (cd "$dir" && ctest --output-on-failure -j"$(nproc)" "$@") || failed+=("$dir")
+  if ! (cd "$dir" && ctest --output-on-failure -j"$(nproc)" "$@"); then
+    failed+=("$dir")
+    # The checks that failed, after the long outputs above, where they are found at once.
+    echo "test: failed checks in $dir/:"
+    grep -h -E -A3 '^(FAIL!|run-test: )' "$dir/Testing/Temporary/LastTest.log" || true
+  fi
 done
 if [ ${#failed[@]} -gt 0 ]; then
   echo "test: failures in ${failed[*]}" >&2
