@@ -6,7 +6,8 @@
 //
 // Reported for both: real-time factor (process CPU time / audio time), time from the last audio
 // block to the final text (median, 95th percentile), peak resident memory, word errors; for the
-// decoder as it was (no lead-in, no early segment ends) and as it is now.
+// decoder as it was (the flat second pass, no lead-in), with the lead-in, and as it is now (the
+// lattice's best path instead of the flat pass).
 //
 //   bench_transcriber [cache-folder]   (default: bench-speech in the build folder)
 // It re-runs itself under tests/support/run-test.sh for settings folders of its own.
@@ -140,9 +141,11 @@ void printRow(const char* name, const Result& r)
     std::printf("%s %6.3f %9.1fms %9.1fms %8.0fMB %7.1f\n", name, r.rtf, r.endP50, r.endP95, r.peakMB, r.werPercent);
 }
 
+// A decoder tuning, given to Tolvane through its settings and to the bare decoder as arguments.
 struct Tuning {
     const char* name;
-    int leadInMs, splitAfterMs;
+    int leadInMs;
+    const char* pass;  // "flat" or "lattice"
 };
 
 Result runOurs(const std::vector<BenchSpeech::Recording>& recordings)
@@ -165,7 +168,7 @@ Result runBare(const QString& cache, const Tuning& tuning)
 {
     QProcess child;
     child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--bare"), QString::number(tuning.leadInMs),
-                                                          QString::number(tuning.splitAfterMs), cache});
+                                                          QLatin1String(tuning.pass), cache});
     if (!child.waitForFinished(600000) || child.exitCode() != 0)
         qFatal("the bare-engine run failed");
     return Result::fromJson(QJsonDocument::fromJson(child.readAllStandardOutput().trimmed()).object());
@@ -183,7 +186,8 @@ int main(int argc, char** argv)
     PocketsphinxEngine::Settings bareSettings;
     if (bare && args.size() >= 3) {
         bareSettings.leadIn = std::chrono::milliseconds(args[1].toInt());
-        bareSettings.splitAfter = std::chrono::milliseconds(args[2].toInt());
+        if (args[2] == QLatin1String("flat"))
+            bareSettings.pass = PocketsphinxEngine::Settings::Pass::flat;
         args = args.mid(3);
     }
     const QString cache = args.value(0, QStringLiteral(TOLVANE_BENCH_CACHE));
@@ -201,11 +205,11 @@ int main(int argc, char** argv)
     std::printf("%zu sentences, %.1f s of audio in simulated real time, %u cores\n\n", recordings.size(), seconds,
                 std::thread::hardware_concurrency());
     std::printf("%-34s %6s %11s %11s %10s %7s\n", "", "RTF", "end p50", "end p95", "peak RSS", "WER %");
-    const Tuning before{"before", 0, 0};
-    const Tuning now{"now", Settings::speechLeadInMs.fallback, Settings::speechSplitAfterMs.fallback};
-    for (const Tuning& tuning : {before, now}) {
+    const Tuning before{"before", 0, "flat"}, flat{"flat pass", Settings::speechLeadInMs.fallback, "flat"},
+        now{"now", Settings::speechLeadInMs.fallback, "lattice"};
+    for (const Tuning& tuning : {before, flat, now}) {
         Preferences::shared().setValue(Settings::speechLeadInMs, tuning.leadInMs);
-        Preferences::shared().setValue(Settings::speechSplitAfterMs, tuning.splitAfterMs);
+        Preferences::shared().setValue(Settings::speechDecoderPass, QString::fromLatin1(tuning.pass));
         const Result ours = runOurs(recordings);
         const Result bareResult = runBare(cache, tuning);
         std::printf("%-34s", (QStringLiteral("Tolvane path, ") + QLatin1String(tuning.name)).toUtf8().constData());

@@ -1,8 +1,8 @@
 // The whole program as a person uses it: the real tolvane on a private X server, a PulseAudio
 // microphone fed in real time (a quiet hiss, and synthesised speech with its leading and trailing
 // silence cut when the speaker talks), and the recording client to dictate into. For the decoder
-// as it was (no lead-in, no early segment ends), as it is now, and with segments ended at pauses
-// (not the default), in one run, it reports:
+// as it was (the flat second pass, no lead-in), with the lead-in, and as it is now (the lattice's
+// best path instead of the flat pass), in one run, it reports:
 //   - the time from the key release to the final text in the client for ~10 s utterances, with the
 //     key released 0.15 s and 0.0 s after the last word (median and 95th percentile, and where the
 //     time goes);
@@ -13,7 +13,6 @@
 //
 // Run: build/bench/app/bench_dictation_latency [runs-per-row] [idle-seconds]
 //          [--release-after S] [--speech-after S]   (one more row with these delays)
-//          [--split-after MS]   (the segment length after which the "split" decoder ends at a pause; 2000)
 //          [--wayland]   (in a headless sway session, typing into foot; the decoder as it is, no idle part)
 // It re-runs itself under tests/support/run-test.sh --xvfb for its own X server and XDG folders.
 #include "BenchSpeech.h"
@@ -315,12 +314,12 @@ struct Run {
 // The decoder tuning a run of tolvane gets through its settings file.
 struct Tuning {
     QString name;
-    int leadInMs, splitAfterMs;
+    int leadInMs;
+    QString pass;  // "flat" or "lattice"
 };
-const Tuning before{QStringLiteral("before"), 0, 0};
-const Tuning now{QStringLiteral("now"), Settings::speechLeadInMs.fallback, Settings::speechSplitAfterMs.fallback};
-// Not the default: faster at the key-up, more wrong words.
-Tuning split{QStringLiteral("split"), Settings::speechLeadInMs.fallback, 2000};  // --split-after MS
+const Tuning before{QStringLiteral("before"), 0, QStringLiteral("flat")};
+const Tuning flat{QStringLiteral("flat"), Settings::speechLeadInMs.fallback, QStringLiteral("flat")};
+const Tuning now{QStringLiteral("now"), Settings::speechLeadInMs.fallback, Settings::speechDecoderPass.fallback};
 
 class Bench {
 public:
@@ -346,7 +345,7 @@ public:
         Preferences::shared().setLiveTyping(false);
         Preferences::shared().setValue(Settings::noTrayExplained, true);  // no notice window mid-dictation
         Preferences::shared().setValue(Settings::speechLeadInMs, tuning.leadInMs);
-        Preferences::shared().setValue(Settings::speechSplitAfterMs, tuning.splitAfterMs);
+        Preferences::shared().setValue(Settings::speechDecoderPass, tuning.pass);
         const qsizetype mark = TestSupport::logLines().size();
         tolvane_.setProcessChannelMode(QProcess::SeparateChannels);
         tolvane_.setStandardOutputFile(QProcess::nullDevice());
@@ -601,7 +600,7 @@ int benchMain(Desk& desk, int runs, int idleSeconds, std::optional<std::pair<dou
     Diagnostics::setMirrored(false);
     // In a sway session only today's decoder: the other two are the X11 run's comparison.
     const bool wayland = dynamic_cast<WaylandDesk*>(&desk) != nullptr;
-    const std::vector<const Tuning*> tunings = wayland ? std::vector<const Tuning*>{&now} : std::vector<const Tuning*>{&before, &split, &now};
+    const std::vector<const Tuning*> tunings = wayland ? std::vector<const Tuning*>{&now} : std::vector<const Tuning*>{&before, &flat, &now};
     print(QStringLiteral("Dictation latency and first words: %1, a PulseAudio pipe microphone fed in real time (hiss, and "
                          "festival's speech with its leading and trailing silence cut). Cleanup mode raw, live typing off. "
                          "%2 runs per row; 95th percentile by nearest rank.")
@@ -642,10 +641,10 @@ int benchMain(Desk& desk, int runs, int idleSeconds, std::optional<std::pair<dou
     for (const Tuning* tuning : tunings) {
         if (!bench.launch(*tuning))
             return 1;
-        print(QStringLiteral("\n=== Decoder %1: lead-in %2 ms, segments split after %3 ms at a pause ===")
+        print(QStringLiteral("\n=== Decoder %1: lead-in %2 ms, words found by the %3 pass ===")
                   .arg(tuning->name)
                   .arg(tuning->leadInMs)
-                  .arg(tuning->splitAfterMs));
+                  .arg(tuning->pass));
         // The first dictation after start-up pays for things done once; it is not counted.
         const Run warm = bench.dictate(shortSentences.at(0), audio[shortSentences.at(0)], 0.3, 0.3);
         print(QStringLiteral("Warm-up dictation (not counted): %1 ms%2")
@@ -785,8 +784,6 @@ int main(int argc, char** argv)
             releaseAfter = args[++i].toDouble();
         else if (args[i] == QLatin1String("--speech-after") && i + 1 < args.size())
             speechAfter = args[++i].toDouble();
-        else if (args[i] == QLatin1String("--split-after") && i + 1 < args.size())
-            split.splitAfterMs = args[++i].toInt();
         else
             positional << args[i];
     }

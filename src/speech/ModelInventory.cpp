@@ -317,6 +317,8 @@ QCoro::Task<std::shared_ptr<SpeechEngine>> ModelInventory::loadEngine(QString lo
     };
     settings.leadIn = tuning(Settings::speechLeadInMs);
     settings.splitAfter = tuning(Settings::speechSplitAfterMs);
+    if (Preferences::shared().value(Settings::speechDecoderPass) == QLatin1String("flat"))
+        settings.pass = PocketsphinxEngine::Settings::Pass::flat;
     const QCoro::Task<std::shared_ptr<PocketsphinxEngine>> loading =
         Background::run([m, settings] { return PocketsphinxEngine::load(m, settings); });
     std::shared_ptr<SpeechEngine> engine = co_await loading;

@@ -100,14 +100,26 @@ std::optional<PocketsphinxEngine::Model> PocketsphinxEngine::Model::inFolder(con
 
 QStringList PocketsphinxEngine::decoderArguments(const Model& model, const Settings& settings)
 {
-    auto yesNo = [](bool b) { return b ? QStringLiteral("yes") : QStringLiteral("no"); };
-    QStringList args{QStringLiteral("-hmm"),       model.acousticModel,
-                     QStringLiteral("-lm"),        model.languageModel,
-                     QStringLiteral("-dict"),      model.dictionary,
-                     QStringLiteral("-fwdflat"),   yesNo(settings.fwdflat),
-                     QStringLiteral("-bestpath"),  yesNo(settings.bestpath),
+    QStringList args{QStringLiteral("-hmm"),  model.acousticModel,
+                     QStringLiteral("-lm"),   model.languageModel,
+                     QStringLiteral("-dict"), model.dictionary,
                      QStringLiteral("-vad_postspeech"), QString::number(settings.vadPostspeech)};
-    return args + settings.extra;
+    if (settings.pass == Settings::Pass::lattice)
+        args << QStringLiteral("-fwdflat") << QStringLiteral("no") << QStringLiteral("-bestpath") << QStringLiteral("yes")
+             << QStringLiteral("-lw") << QStringLiteral("7.5") << QStringLiteral("-bestpathlw") << QStringLiteral("11")
+             << QStringLiteral("-beam") << QStringLiteral("1e-60") << QStringLiteral("-pbeam") << QStringLiteral("1e-60")
+             << QStringLiteral("-maxwpf") << QStringLiteral("20");
+    else
+        args << QStringLiteral("-fwdflat") << QStringLiteral("yes") << QStringLiteral("-bestpath") << QStringLiteral("no");
+    // An extra argument replaces one given above rather than repeating it.
+    for (qsizetype i = 0; i + 1 < settings.extra.size(); i += 2) {
+        const qsizetype at = args.indexOf(settings.extra[i]);
+        if (at >= 0 && at % 2 == 0)
+            args[at + 1] = settings.extra[i + 1];
+        else
+            args << settings.extra[i] << settings.extra[i + 1];
+    }
+    return args;
 }
 
 ps_decoder_s* PocketsphinxEngine::createDecoder(const Model& model, const Settings& settings)

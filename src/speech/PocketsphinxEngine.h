@@ -39,17 +39,18 @@ public:
     };
 
     struct Settings {
-        // Chosen with bench/bench_decoder_settings (word errors and the time to end an utterance on
-        // the same synthesised dictation). The second, flat-lexicon pass costs 100-300 ms when an
-        // utterance ends but saves words; the third (lattice best path) saves none. The best path
-        // alone instead of the flat pass ends in 5-40 ms, but got more words wrong on the suite's own
-        // sentences (13.6 % against 10.2 %; 28.8 % with the language weighed more). Narrower flat-pass
-        // beams or windows cut its time by a fifth at most, and cost words. Ending segments
-        // after 0.3 s of silence instead of the decoder's 0.5 s keeps the words and means the last
-        // segment has usually been decoded by the time the key comes up, so finishing has almost
-        // nothing left to do.
-        bool fwdflat = true;
-        bool bestpath = false;
+        // How the words of an utterance are found, chosen with bench/bench_decoder_settings (word
+        // errors, and the time to end an utterance, on the same synthesised dictations).
+        //  - lattice: the first pass over the lexicon tree as the audio comes, with wider beams than
+        //    pocketsphinx's own, then the best path through the lattice of the words it found. Ending
+        //    an utterance takes 5-25 ms whatever its length, and the suite's sentences came out with
+        //    7.2 % of their words wrong.
+        //  - flat: pocketsphinx's own second pass, over a flat lexicon, through the whole utterance
+        //    once it has ended: 20-25 ms for every second of speech, so 200 ms and more after a long
+        //    dictation, for 7.4 % wrong. Both decode at about a seventh of real time.
+        // The lattice's beams are what makes it as good: with pocketsphinx's own it got 7.7 % wrong.
+        enum class Pass { lattice, flat };
+        Pass pass = Pass::lattice;
         // Silence (in 10 ms frames) after which the decoder's voice-activity detector ends a segment.
         int vadPostspeech = 30;
         // Quiet audio decoded before a session's first block. The decoder takes its first frames as
@@ -68,7 +69,8 @@ public:
         std::chrono::milliseconds splitPause{100};
         // Load only the dictionary entries the language model knows: the same words, less memory.
         bool trimDictionary = true;
-        // Further decoder arguments, as name/value pairs ("-beam", "1e-40").
+        // Further decoder arguments, as name/value pairs ("-beam", "1e-40"); one the pass gives
+        // already takes this value instead.
         QStringList extra;
         // How long the decoder stays loaded after it was last used: a burst of dictations shares
         // one load, a program left alone in the tray gives the memory back.

@@ -51,11 +51,14 @@ inline const Setting<QString> updateFeedUrl{"updateFeedUrl", QString()};
 inline const Setting<QString> speechModelCatalog{"speechModelCatalog", QString()};
 // Speech decoder tuning, read when the model is loaded; not in the Settings window. The quiet lead-in
 // keeps the first word of someone who speaks as they press the key; a segment longer than
-// speechSplitAfterMs ends at the next pause, so the key-up finds little left to decode, at the
-// price of a few more wrong words (off by default). 0 turns either off; values are clamped to
-// 0..10000.
+// speechSplitAfterMs ends at the next pause, so its words are final sooner, at the price of a few
+// more wrong words (off by default). 0 turns either off; values are clamped to 0..10000.
+// speechDecoderPass "flat" finds the words with the decoder's second pass over the whole utterance
+// as it ends, as Tolvane did before; anything else, the quicker best path through the first pass's
+// lattice.
 inline const Setting<int> speechLeadInMs{"speechLeadInMs", 150};
 inline const Setting<int> speechSplitAfterMs{"speechSplitAfterMs", 0};
+inline const Setting<QString> speechDecoderPass{"speechDecoderPass", QStringLiteral("lattice")};
 // The local transcription server used when speechEngine is "server": whisper.cpp's server (an
 // endpoint ending in /inference) or an OpenAI-compatible base URL; empty means not configured. An
 // empty model lets the server choose. As for cleanup, an endpoint that is not loopback is refused
