@@ -67,6 +67,39 @@ void AudioEngineController::stop()
         onAmplitude(0.0f);  // the meters fall to rest
 }
 
+void AudioEngineController::Trail::note(float rms, double seconds)
+{
+    {
+        std::lock_guard lock(mutex);
+        room = std::min(room, rms);
+        latest = rms;
+        if (!waiting || ended)
+            return;
+        waitedSeconds += seconds;
+        ended = !speech(rms) || waitedSeconds >= std::chrono::duration<double>(trailingLimit).count();
+        if (!ended)
+            return;
+    }
+    arrived.notify_all();
+}
+
+void AudioEngineController::stopAfterSpeech()
+{
+    if (running_ && tap_) {
+        Trail& trail = tap_->trail;
+        std::unique_lock lock(trail.mutex);
+        if (trail.speech(trail.latest)) {
+            trail.waiting = true;
+            const auto begun = std::chrono::steady_clock::now();
+            // Bounded by the clock too: a microphone that stalls must not hold up the key-up.
+            trail.arrived.wait_for(lock, trailingLimit * 3, [&trail] { return trail.ended; });
+            Diagnostics::log(QStringLiteral("audio: speech went on at the stop; %1 ms more taken in")
+                                 .arg(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begun).count(), 0, 'f', 0));
+        }
+    }
+    stop();
+}
+
 void AudioEngineController::installTap()
 {
     const auto begun = std::chrono::steady_clock::now();
@@ -104,6 +137,7 @@ void AudioEngineController::process(Tap& tap, const AudioBuffer& block)
         Diagnostics::log(QStringLiteral("audio: first block %1 ms after the start").arg(waited.count(), 0, 'f', 1));
     }
     const LevelMeter::Reading reading = meter_.measure(block);
+    tap.trail.note(reading.rms, block.format.sampleRate > 0 ? block.frameCount() / block.format.sampleRate : 0.0);
     if (onAmplitude)
         onAmplitude(reading.level);
     if (reading.logDue)

@@ -8,8 +8,12 @@
 #include <QMetaObject>
 #include <QObject>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 // Captures audio while a dictation runs. For every block the capture source delivers it reports a
@@ -37,6 +41,11 @@ public:
 
     void start() override;  // throws CollaboratorError; nothing when already running
     void stop() override;   // never fails; nothing when stopped
+    // As stop(), but while the latest block is louder than the room, it first takes in what follows,
+    // up to a quiet block or trailingLimit of audio: someone who lets go of the key with their last
+    // word is still being heard, and the end of that word is on its way from the microphone.
+    void stopAfterSpeech() override;
+    static constexpr std::chrono::milliseconds trailingLimit{80};
 
     bool isRunning() const { return running_; }
     CaptureSource& source() const { return *source_; }
@@ -44,11 +53,25 @@ public:
 private:
     // What one installation of the tap works with until the next: the converter (none for
     // pass-through) and the format it converts to.
+    // Whether the speaker was still talking, from the blocks' loudness: the room's is that of the
+    // quietest block so far.
+    struct Trail {
+        std::mutex mutex;  // guards what follows
+        std::condition_variable arrived;
+        float room = std::numeric_limits<float>::max();
+        float latest = 0;
+        bool waiting = false;  // stopAfterSpeech() waits for the end of the speech
+        double waitedSeconds = 0;  // of audio that came since it began to wait
+        bool ended = false;
+        bool speech(float rms) const { return rms > std::max(room * 4, 0.002f); }
+        void note(float rms, double seconds);
+    };
     struct Tap {
         std::unique_ptr<AudioConverter> converter;
         AudioFormat target;
         std::chrono::steady_clock::time_point startedAt;
         bool heard = false;  // audio thread: a block has come since the start
+        Trail trail;
     };
 
     void installTap();

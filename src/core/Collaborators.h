@@ -59,6 +59,8 @@ public:
     virtual void setTargetFormat(std::optional<AudioFormat> format) = 0;
     virtual void start() = 0;  // throws CollaboratorError
     virtual void stop() = 0;   // never fails; harmless when not running
+    // As stop(), once the speech still coming in at this moment has arrived (a moment at most).
+    virtual void stopAfterSpeech() { stop(); }
 
     std::function<void(AudioBuffer)> onBuffer;
     std::function<void(float)> onAmplitude;

@@ -296,7 +296,7 @@ QCoro::Task<> AppDelegate::finishDictation(bool paste, bool fromToggle)
                      + Diagnostics::boolText(fromToggle) + QLatin1Char(')'));
     setMode(Mode::finishing);
     endedId_ = dictationId_;
-    audio->stop();
+    audio->stopAfterSpeech();
     overlay->beginProcessing();
 
     QString text;

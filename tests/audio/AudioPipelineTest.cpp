@@ -7,27 +7,50 @@
 
 #include <QTest>
 
+#include <chrono>
 #include <cmath>
+#include <mutex>
+#include <thread>
 #include <utility>
 
 namespace {
 
-// A capture source driven by the test: blocks reach the tap when the test hands them over.
+// A capture source driven by the test: blocks reach the tap when the test hands them over, from
+// any thread; as with a microphone, stop() waits for a block being handed over.
 class ScriptedSource final : public CaptureSource {
 public:
     AudioFormat format;
     QString failure;  // non-empty: start() throws it
     int stops = 0;  // of a running capture
-    BlockHandler handler;
 
     AudioFormat inputFormat() override { return format; }
     void start(BlockHandler h) override
     {
         if (!failure.isEmpty())
             throw CollaboratorError(failure);
-        handler = std::move(h);
+        std::lock_guard lock(mutex_);
+        handler_ = std::move(h);
     }
-    void stop() override { stops += bool(std::exchange(handler, nullptr)); }
+    void stop() override
+    {
+        std::lock_guard lock(mutex_);
+        stops += bool(std::exchange(handler_, nullptr));
+    }
+    bool delivering()
+    {
+        std::lock_guard lock(mutex_);
+        return bool(handler_);
+    }
+    void deliver(const AudioBuffer& block)
+    {
+        std::lock_guard lock(mutex_);
+        if (handler_)
+            handler_(block);
+    }
+
+private:
+    std::mutex mutex_;
+    BlockHandler handler_;
 };
 
 struct Rig {
@@ -45,7 +68,7 @@ struct Rig {
     void push(int count, float value, int frames = 1024)
     {
         for (int i = 0; i < count; ++i)
-            source->handler(AudioTest::constant(source->format, frames, value));
+            source->deliver(AudioTest::constant(source->format, frames, value));
     }
 };
 
@@ -93,7 +116,7 @@ private Q_SLOTS:
         AudioBuffer out{output, {}};
         for (int b = 0; b < 100; ++b) {
             const AudioBuffer in = AudioTest::sine(input, 1024, frequency, 0.5f, long(b) * 1024);
-            rig.source->handler(in);
+            rig.source->deliver(in);
             const AudioBuffer& got = rig.buffers.last();
             QCOMPARE(got.format, output);
             if (converts)  // allocated once at the capacity rule's size, so the audio thread never reallocates
@@ -145,7 +168,7 @@ private Q_SLOTS:
         AudioBuffer stereo = AudioTest::constant(rig.source->format, 1024, 0.1f);
         for (int i = 0; i < 1024; ++i)
             stereo.samples[2 * i + 1] = 0.9f;  // only the first channel is measured
-        rig.source->handler(stereo);
+        rig.source->deliver(stereo);
         QCOMPARE(rig.levels.last(), 0.48f);  // the first block weighs six tenths, times 8
         QCOMPARE(rig.buffers.last().samples, std::vector<float>(1024, 0.5f));  // yet both are mixed into the buffer
         rig.push(44, 0.7f);
@@ -153,7 +176,7 @@ private Q_SLOTS:
         QCOMPARE(audioLines(mark).mid(1), QStringList{"audio: peak amp 1.000 (rms 0.7000)"});  // every 45 blocks
 
         rig.audio.stop();
-        QVERIFY(!rig.audio.isRunning() && !rig.source->handler);
+        QVERIFY(!rig.audio.isRunning() && !rig.source->delivering());
         QCOMPARE(rig.levels.last(), 0.0f);
         rig.audio.start();
         rig.push(1, -0.05f, 13);  // from rest; an odd frame count goes through the tail of the sum
@@ -190,6 +213,36 @@ private Q_SLOTS:
         Q_EMIT rig.source->configurationChanged();
         QTest::qWait(20);
         QCOMPARE(audioLines(mark).size(), lines);
+    }
+
+    void aStopWithTheLastWordTakesInItsEnd()
+    {
+        Rig rig({16000, 1});
+        rig.audio.start();
+        rig.push(3, 0.0005f);  // the room
+        rig.push(2, 0.1f);     // speech, still going on as the key comes up
+        const qsizetype before = rig.buffers.size();
+        TestSupport::LogMark mark;
+        // The rest of the word and the quiet after it come from the microphone's thread meanwhile.
+        std::thread microphone([&rig] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            rig.push(1, 0.08f);
+            rig.push(1, 0.0006f);
+        });
+        rig.audio.stopAfterSpeech();
+        microphone.join();
+        QCOMPARE(rig.buffers.size(), before + 2);
+        QVERIFY(!rig.audio.isRunning() && rig.source->stops == 1);
+        QCOMPARE(mark.messages().filter("audio: speech went on at the stop").size(), 1);
+
+        // After a pause, the stop does not wait for anything.
+        rig.audio.start();
+        rig.push(2, 0.1f);
+        rig.push(1, 0.0005f);
+        const TestSupport::LogMark paused;
+        rig.audio.stopAfterSpeech();
+        QVERIFY(!rig.audio.isRunning() && rig.source->stops == 2);
+        QVERIFY(paused.messages().filter("speech went on").isEmpty());
     }
 };
 
