@@ -92,7 +92,7 @@ void post(QObject* receiver, Work work)
     QMetaObject::invokeMethod(receiver, detail::Parcel(receiver, std::move(work)), Qt::QueuedConnection);
 }
 
-// Runs `work` on `receiver`'s thread, another than this one, and waits until it has run.
+// Runs `work` on `receiver`'s thread (not this one) and waits until it has run.
 template <typename Work>
 void call(QObject* receiver, Work work)
 {

@@ -11,7 +11,6 @@
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 
-
 #include <algorithm>
 
 namespace {
