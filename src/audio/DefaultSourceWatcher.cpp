@@ -1,20 +1,45 @@
 #include "audio/DefaultSourceWatcher.h"
 
+#include "core/Handoff.h"
+
 #include <pulse/pulseaudio.h>
 
 namespace {
 
-struct Deadline {
-    pa_threaded_mainloop* mainloop;
-    bool passed = false;
+// The watcher's state is guarded by the main loop's lock, which libpulse also holds while it runs
+// the callbacks below on its own thread. libpulse is not instrumented, so ThreadSanitizer cannot see
+// that lock: whoever holds it says so (core/Handoff.h), with the watcher as the channel.
+class Holding {
+public:
+    explicit Holding(const void* watcher) : watcher_(watcher) { Handoff::received(watcher_); }
+    ~Holding() { Handoff::sent(watcher_); }
+    Holding(const Holding&) = delete;
+    Holding& operator=(const Holding&) = delete;
+
+private:
+    const void* watcher_;
 };
 
-void deadlinePassed(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* data)
-{
-    auto* deadline = static_cast<Deadline*>(data);
-    deadline->passed = true;
-    pa_threaded_mainloop_signal(deadline->mainloop, 0);
-}
+// Takes the main loop's lock, for the calling thread.
+class Locked {
+public:
+    Locked(pa_threaded_mainloop* mainloop, const void* watcher) : mainloop_(mainloop), watcher_(watcher)
+    {
+        pa_threaded_mainloop_lock(mainloop_);
+        Handoff::received(watcher_);
+    }
+    ~Locked()
+    {
+        Handoff::sent(watcher_);
+        pa_threaded_mainloop_unlock(mainloop_);
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    pa_threaded_mainloop* mainloop_;
+    const void* watcher_;
+};
 
 }  // namespace
 
@@ -25,9 +50,10 @@ DefaultSourceWatcher::~DefaultSourceWatcher()
     if (!mainloop_)
         return;
     if (started_) {
-        pa_threaded_mainloop_lock(mainloop_);
-        disconnect();
-        pa_threaded_mainloop_unlock(mainloop_);
+        {
+            const Locked locked(mainloop_, this);
+            disconnect();
+        }
         pa_threaded_mainloop_stop(mainloop_);
     }
     pa_threaded_mainloop_free(mainloop_);
@@ -42,7 +68,7 @@ std::optional<QString> DefaultSourceWatcher::defaultSourceName(int timeoutMs)
             return std::nullopt;
         started_ = true;
     }
-    pa_threaded_mainloop_lock(mainloop_);
+    const Locked locked(mainloop_, this);
     std::optional<QString> name;
     if (connect(timeoutMs)) {
         // Ask afresh rather than trust the last answer: change events can be missed.
@@ -51,7 +77,6 @@ std::optional<QString> DefaultSourceWatcher::defaultSourceName(int timeoutMs)
         if (waitUntil([&] { return answers_ > before; }, timeoutMs))
             name = defaultSource_;
     }
-    pa_threaded_mainloop_unlock(mainloop_);
     return name;
 }
 
@@ -81,6 +106,7 @@ bool DefaultSourceWatcher::connect(int timeoutMs)
     pa_context_set_subscribe_callback(
         context_,
         [](pa_context* context, pa_subscription_event_type_t type, uint32_t index, void* self) {
+            const Holding holding(self);
             serverEvent(context, type, index, self);
         },
         this);
@@ -102,11 +128,14 @@ void DefaultSourceWatcher::disconnect()
 
 bool DefaultSourceWatcher::waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
-    Deadline deadline{mainloop_};
+    waitExpired_ = false;
     pa_time_event* timer = pa_context_rttime_new(context_, pa_rtclock_now() + static_cast<pa_usec_t>(timeoutMs) * 1000,
-                                                 &deadlinePassed, &deadline);
-    while (!done() && !deadline.passed)
+                                                 &DefaultSourceWatcher::deadlinePassed, this);
+    while (!done() && !waitExpired_) {
+        Handoff::sent(this);  // the wait lets go of the lock until it is signalled
         pa_threaded_mainloop_wait(mainloop_);
+        Handoff::received(this);
+    }
     if (timer)
         pa_threaded_mainloop_get_api(mainloop_)->time_free(timer);
     return done();
@@ -117,6 +146,7 @@ void DefaultSourceWatcher::requestServerInfo()
     pa_operation* op = pa_context_get_server_info(
         context_,
         [](pa_context*, const pa_server_info* info, void* data) {
+            const Holding holding(data);
             auto* self = static_cast<DefaultSourceWatcher*>(data);
             std::optional<QString> name;
             if (info && info->default_source_name && *info->default_source_name)
@@ -133,8 +163,17 @@ void DefaultSourceWatcher::requestServerInfo()
         pa_operation_unref(op);
 }
 
+void DefaultSourceWatcher::deadlinePassed(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* self)
+{
+    const Holding holding(self);
+    auto* watcher = static_cast<DefaultSourceWatcher*>(self);
+    watcher->waitExpired_ = true;
+    pa_threaded_mainloop_signal(watcher->mainloop_, 0);
+}
+
 void DefaultSourceWatcher::contextStateChanged(pa_context*, void* self)
 {
+    const Holding holding(self);
     pa_threaded_mainloop_signal(static_cast<DefaultSourceWatcher*>(self)->mainloop_, 0);
 }
 

@@ -7,6 +7,9 @@
 
 struct pa_threaded_mainloop;
 struct pa_context;
+struct pa_mainloop_api;
+struct pa_time_event;
+struct timeval;
 
 // Asks the sound server (PulseAudio, or PipeWire's PulseAudio service) which source is its default
 // input, and keeps watching so a switch of the default is noticed while capturing. Qt lists the
@@ -35,6 +38,7 @@ private:
     void requestServerInfo();     // with the main loop locked
 
     static void contextStateChanged(pa_context* context, void* self);
+    static void deadlinePassed(pa_mainloop_api* api, pa_time_event* event, const struct timeval* time, void* self);
     static void serverEvent(pa_context* context, int type, unsigned index, void* self);
 
     pa_threaded_mainloop* mainloop_ = nullptr;
@@ -42,4 +46,5 @@ private:
     bool started_ = false;
     std::optional<QString> defaultSource_;  // last answer; guarded by the main loop lock
     int answers_ = 0;                        // server-info answers received; guarded likewise
+    bool waitExpired_ = false;               // the wait in progress ran out of time; guarded likewise
 };

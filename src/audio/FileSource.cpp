@@ -1,6 +1,7 @@
 #include "audio/FileSource.h"
 
 #include "core/Collaborators.h"
+#include "core/Handoff.h"
 #include "storage/Diagnostics.h"
 
 #include <QFile>
@@ -112,5 +113,5 @@ void FileSource::run(void* handle, AudioFormat format, BlockHandler handler)
     }
     sf_close(file);
     if (!stopped)
-        QMetaObject::invokeMethod(this, [this] { Q_EMIT finished(); }, Qt::QueuedConnection);
+        Handoff::post(this, [this] { Q_EMIT finished(); });
 }

@@ -2,6 +2,7 @@
 
 #include "audio/DefaultSourceWatcher.h"
 #include "core/Collaborators.h"
+#include "core/Handoff.h"
 #include "storage/Diagnostics.h"
 
 #include <QAudioDevice>
@@ -96,10 +97,10 @@ MicrophoneSource::MicrophoneSource(int timeoutMs, QObject* parent)
     const QPointer<MicrophoneSource> self(this);
     capture_->notify = [self] {
         if (QCoreApplication* app = QCoreApplication::instance())
-            QMetaObject::invokeMethod(app, [self] {
-                    if (self)
-                        self->noteChange();
-                }, Qt::QueuedConnection);
+            Handoff::post(app, [self] {
+                if (self)
+                    self->noteChange();
+            });
     };
     watcher_->onChanged = capture_->notify;
     changeTimer_.setSingleShot(true);
@@ -115,12 +116,13 @@ MicrophoneSource::~MicrophoneSource()
     stop();
     // The audio thread undoes its part and then ends its own loop: a quit from here can end that
     // loop before it has run what was queued, and the capture and the worker were never freed.
-    QMetaObject::invokeMethod(worker_, [capture = capture_, worker = worker_] {
-            capture->devices.reset();
-            worker->deleteLater();  // deferred deletions still run as the thread ends
-            QThread::currentThread()->quit();
-        }, Qt::QueuedConnection);
+    Handoff::post(worker_, [capture = capture_, worker = worker_] {
+        capture->devices.reset();
+        worker->deleteLater();  // deferred deletions still run as the thread ends
+        QThread::currentThread()->quit();
+    });
     if (thread_->wait(timeoutMs_)) {
+        Handoff::received(QThread::currentThread());  // what the audio thread did last
         delete thread_;
     } else {
         // A request to the sound server still hangs on it; destroying a running thread would end
@@ -138,7 +140,7 @@ auto MicrophoneSource::onAudioThread(Work work, const QString& what)
     auto promise = std::make_shared<std::promise<Result>>();
     std::future<Result> future = promise->get_future();
     busy_->store(true);
-    QMetaObject::invokeMethod(
+    Handoff::post(
         worker_,
         [promise, work = std::move(work), busy = busy_]() mutable {
             std::optional<Result> result;
@@ -154,8 +156,7 @@ auto MicrophoneSource::onAudioThread(Work work, const QString& what)
                 promise->set_exception(failure);
             else
                 promise->set_value(std::move(*result));
-        },
-        Qt::QueuedConnection);
+        });
     if (future.wait_for(std::chrono::milliseconds(timeoutMs_)) != std::future_status::ready)
         throw CollaboratorError(QStringLiteral("The sound server did not answer within %1 ms while %2").arg(timeoutMs_).arg(what));
     return future.get();

@@ -1,5 +1,6 @@
 #include "dictation/AppDelegate.h"
 
+#include "core/Handoff.h"
 #include "dictation/CompareModel.h"
 #include "dictation/LiveTyping.h"
 #include "storage/TranscriptStore.h"
@@ -74,22 +75,18 @@ void AppDelegate::wireCallbacks()
                 input->yield(std::move(buffer));
         };
         audio->onAmplitude = [self](float level) {
-            QMetaObject::invokeMethod(
-                self.data(), [self, level] {
-                    if (self)
-                        self->onAmplitude(level);
-                },
-                Qt::QueuedConnection);
+            Handoff::post(self.data(), [self, level] {
+                if (self)
+                    self->onAmplitude(level);
+            });
         };
     }
     if (transcriber) {
         transcriber->onPartial = [self](QString committed, QString volatileText) {
-            QMetaObject::invokeMethod(
-                self.data(), [self, committed, volatileText] {
-                    if (self)
-                        self->handlePartial(committed, volatileText);
-                },
-                Qt::QueuedConnection);
+            Handoff::post(self.data(), [self, committed, volatileText] {
+                if (self)
+                    self->handlePartial(committed, volatileText);
+            });
         };
     }
 }

@@ -1,13 +1,17 @@
 #pragma once
 
+#include "core/Handoff.h"
+
 #include <QFuture>
+#include <QPromise>
 #include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 
 #include <qcoro/qcorofuture.h>
 #include <qcoro/qcorotask.h>
 
 #include <exception>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -17,6 +21,13 @@
 namespace Background {
 
 QThreadPool& pool();
+
+// Starts `work` on the pool; the future finishes, with what it threw, once it has run. Whoever
+// awaits it on the thread that started it reads what the work left behind after finished().
+QFuture<void> start(std::function<void()> work);
+
+// Awaits `future` from start() and takes in what its work did.
+QCoro::Task<void> finished(QFuture<void> future);
 
 template <typename R>
 struct Outcome {
@@ -28,34 +39,36 @@ struct Outcome<void> {
     std::exception_ptr error;
 };
 
-// The coroutine half takes nothing but the future: GCC 12 mishandles coroutine parameters with
-// captured state (it destroyed a moved lambda twice), so the work is started outside it.
+// The coroutine half takes nothing but the future and where the work leaves its outcome: GCC 12
+// mishandles coroutine parameters with captured state (it destroyed a moved lambda twice), so the
+// work is started outside it.
 template <typename R>
-QCoro::Task<R> result(QFuture<Outcome<R>> future)
+QCoro::Task<R> result(QFuture<void> done, std::shared_ptr<Outcome<R>> outcome)
 {
-    Outcome<R> outcome = co_await future;
-    if (outcome.error)
-        std::rethrow_exception(outcome.error);
+    co_await done;
+    Handoff::received(QThread::currentThread());
+    if (outcome->error)
+        std::rethrow_exception(outcome->error);
     if constexpr (!std::is_void_v<R>)
-        co_return std::move(*outcome.value);
+        co_return std::move(*outcome->value);
 }
 
 template <typename F>
 auto run(F work) -> QCoro::Task<std::invoke_result_t<F>>
 {
     using R = std::invoke_result_t<F>;
-    return result<R>(QtConcurrent::run(&pool(), [work = std::move(work)]() mutable {
-        Outcome<R> outcome;
+    auto outcome = std::make_shared<Outcome<R>>();
+    QFuture<void> done = start([work = std::make_shared<F>(std::move(work)), outcome] {
         try {
             if constexpr (std::is_void_v<R>)
-                work();
+                (*work)();
             else
-                outcome.value.emplace(work());
+                outcome->value.emplace((*work)());
         } catch (...) {
-            outcome.error = std::current_exception();
+            outcome->error = std::current_exception();
         }
-        return outcome;
-    }));
+    });
+    return result<R>(std::move(done), std::move(outcome));
 }
 
 }  // namespace Background

@@ -1,5 +1,6 @@
 #include "speech/ServerSpeechEngine.h"
 
+#include "core/Handoff.h"
 #include "core/LocalServer.h"
 #include "speech/AnalyzerInputStream.h"
 #include "speech/DecodingAnalyzer.h"
@@ -81,8 +82,7 @@ public:
     ~ServerAnalyzer() override
     {
         stopDecoding();
-        QMetaObject::invokeMethod(
-            transport_, [t = transport_] { delete t; }, Qt::BlockingQueuedConnection);
+        Handoff::call(transport_, [t = transport_] { delete t; });
         network_.quit();
         network_.wait();
     }
@@ -217,7 +217,7 @@ private:
     template <typename F>
     void post(F call)
     {
-        QMetaObject::invokeMethod(transport_, [t = transport_, call] { call(*t); }, Qt::QueuedConnection);
+        Handoff::post(transport_, [t = transport_, call] { call(*t); });
     }
 
     // Under mutex_.

@@ -11,8 +11,6 @@
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
 
-#include <QtConcurrent/QtConcurrentRun>
-
 #include <algorithm>
 
 namespace {
@@ -170,8 +168,7 @@ QCoro::Task<void> TranscriberController::start()
     analyzer->start(stream);
     Diagnostics::log(QStringLiteral("transcriber: analyzer started."));
 
-    resultsTask_ = std::make_shared<QFuture<void>>(
-        QtConcurrent::run(&Background::pool(), [this, results] { runResultsLoop(results); }));
+    resultsTask_ = std::make_shared<QFuture<void>>(Background::start([this, results] { runResultsLoop(results); }));
     co_return;
 }
 
@@ -217,7 +214,8 @@ QCoro::Task<void> TranscriberController::awaitResultsLoop()
 {
     const std::shared_ptr<QFuture<void>> task = resultsTask_;
     if (task) {
-        co_await *task;
+        const QCoro::Task<void> ending = Background::finished(*task);
+        co_await ending;
         if (resultsTask_ == task) {
             resultsTask_.reset();
             transcriber_.reset();

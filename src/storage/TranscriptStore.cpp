@@ -1,5 +1,6 @@
 #include "storage/TranscriptStore.h"
 
+#include "core/Handoff.h"
 #include "storage/DataLocation.h"
 #include "storage/Diagnostics.h"
 #include "storage/Preferences.h"
@@ -118,9 +119,7 @@ struct TranscriptStore::Private {
 
     void enqueue(QByteArray contents)
     {
-        QMetaObject::invokeMethod(
-            writerContext, [path = path, contents = std::move(contents)] { writeWhole(path, contents); },
-            Qt::QueuedConnection);
+        Handoff::post(writerContext, [path = path, contents = std::move(contents)] { writeWhole(path, contents); });
     }
 };
 
@@ -220,5 +219,5 @@ void TranscriptStore::waitForWrites()
     if (QThread::currentThread() == &d->writer)
         return;
     // Jobs run in order, so once this empty one has run every earlier write has finished.
-    QMetaObject::invokeMethod(d->writerContext, [] {}, Qt::BlockingQueuedConnection);
+    Handoff::call(d->writerContext, [] {});
 }

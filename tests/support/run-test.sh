@@ -4,12 +4,13 @@
 # when the test ends. With --sanitize=KIND (a sanitized build), the test and every program it starts
 # run with that sanitizer's options and suppressions, and any report one of them writes fails the test.
 set -u
-use_xvfb=0 use_dbus=0 sanitize=""
+use_xvfb=0 use_dbus=0 sanitize="" preload=""
 while true; do
   case "${1:-}" in
     --xvfb) use_xvfb=1; shift ;;
     --dbus) use_dbus=1; shift ;;
     --sanitize=*) sanitize=${1#--sanitize=}; shift ;;
+    --preload=*) preload=${1#--preload=}; shift ;;
     *) break ;;
   esac
 done
@@ -36,7 +37,9 @@ case "$sanitize" in
   thread)
     # Qt's QProcess forks from a process with threads; the child only execs, so that is safe.
     mkdir -p "$reports"
-    export TSAN_OPTIONS="halt_on_error=1:die_after_fork=0:second_deadlock_stack=1:suppressions=$supp/tsan.supp:log_path=$reports/report" ;;
+    export TSAN_OPTIONS="halt_on_error=1:die_after_fork=0:second_deadlock_stack=1:suppressions=$supp/tsan.supp:log_path=$reports/report"
+    # QProcess's children start as forks TSan can follow (tests/sanitizers/vfork-as-fork.cpp).
+    [ -n "$preload" ] && export LD_PRELOAD="$preload${LD_PRELOAD:+:$LD_PRELOAD}" ;;
   *) echo "run-test: unknown sanitizer '$sanitize' (address,undefined or thread)" >&2; exit 1 ;;
 esac
 

@@ -1,5 +1,6 @@
 #include "keyboard/evdev/EvdevHotkeyManager.h"
 
+#include "core/Handoff.h"
 #include "keyboard/evdev/UinputKeyboard.h"
 #include "storage/Diagnostics.h"
 
@@ -30,7 +31,7 @@ bool EvdevHotkeyManager::start()
     connect(reader_, &KeyboardReader::command, this, &EvdevHotkeyManager::onCommand, Qt::QueuedConnection);
     thread_->start();
     bool ok = false;
-    QMetaObject::invokeMethod(reader_, [this, &ok] { ok = reader_->open(); }, Qt::BlockingQueuedConnection);
+    Handoff::call(reader_, [reader = reader_, &ok] { ok = reader->open(); });
     if (!ok) {
         stop();
         Diagnostics::log(QStringLiteral("HotkeyManager: tapCreate returned nil — Accessibility not granted yet."));
@@ -45,7 +46,7 @@ void EvdevHotkeyManager::stop()
     if (!thread_)
         return;
     // The reader is destroyed in its own thread, where its notifiers live.
-    QMetaObject::invokeMethod(reader_, [reader = reader_] { delete reader; }, Qt::BlockingQueuedConnection);
+    Handoff::call(reader_, [reader = reader_] { delete reader; });
     reader_ = nullptr;
     thread_->quit();
     thread_->wait();

@@ -1,5 +1,6 @@
 #include "keyboard/x11/X11Clipboard.h"
 
+#include "core/Handoff.h"
 #include "keyboard/ClipboardRestore.h"
 #include "storage/Diagnostics.h"
 
@@ -545,13 +546,14 @@ X11Clipboard::X11Clipboard()
     thread_.setObjectName(QStringLiteral("clipboard"));
     worker_ = new Worker;
     worker_->moveToThread(&thread_);
-    // Deleted on its own thread, where its X connection and timers live.
-    QObject::connect(&thread_, &QThread::finished, worker_, &QObject::deleteLater);
     thread_.start();
 }
 
 X11Clipboard::~X11Clipboard()
 {
+    // Deleted on its own thread, where its X connection and timers live, and before that thread
+    // ends: what it did is then known to be done here.
+    Handoff::call(worker_, [worker = worker_] { delete worker; });
     thread_.quit();
     thread_.wait();
 }
@@ -559,11 +561,11 @@ X11Clipboard::~X11Clipboard()
 bool X11Clipboard::setForPaste(const QString& text, std::optional<ClipboardContent> ownContent)
 {
     bool ok = false;
-    QMetaObject::invokeMethod(worker_, [&] { ok = worker_->setForPaste(text, std::move(ownContent)); }, Qt::BlockingQueuedConnection);
+    Handoff::call(worker_, [&] { ok = worker_->setForPaste(text, std::move(ownContent)); });
     return ok;
 }
 
 void X11Clipboard::keystrokeSending()
 {
-    QMetaObject::invokeMethod(worker_, [this] { worker_->keystrokeSending(); }, Qt::BlockingQueuedConnection);
+    Handoff::call(worker_, [this] { worker_->keystrokeSending(); });
 }

@@ -1,5 +1,6 @@
 // The tray menu and what it opens: the Settings window and its panes, the comparison and About
 // windows and the update check, driven on a real X server as a user drives them.
+#include "core/Handoff.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
 #include "support/FakeSpeechServer.h"
@@ -141,16 +142,16 @@ public:
         // Registered from the object's own thread: what Qt D-Bus attaches to it becomes its child and goes
         // with it (from another thread that parent is refused and the helper object is never freed).
         bool exported = false;
-        QMetaObject::invokeMethod(object, [&] {
+        Handoff::call(object, [&] {
             exported = bus.registerObject(path, object, QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties |
                                                             QDBusConnection::ExportAllSignals);
-        }, Qt::BlockingQueuedConnection);
+        });
         ok = exported && bus.registerService(service);
     }
     ~BusService()
     {
-        // The object goes in its own thread (as the thread ends) while its connection still stands.
-        object_->deleteLater();
+        // The object goes in its own thread while its connection still stands.
+        Handoff::call(object_, [object = object_] { delete object; });
         thread_.quit();
         thread_.wait();
         QDBusConnection::disconnectFromBus(name_);
