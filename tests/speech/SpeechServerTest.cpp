@@ -198,11 +198,12 @@ private Q_SLOTS:
         feed(*controller_, audio);
         QCOMPARE(await(controller_->finish()), QStringLiteral("segment 1 segment 2"));
         QCOMPARE(controller_->answeredBy(), "the speech server at " + endpoint.chopped(whisper ? 1 : 0));
-        // The server is probed once; the probe and the first upload may reach it in either order.
+        // The server is probed once at most: the probe goes out beside the uploads and may reach it
+        // in any order, or not before the dictation has ended.
         const auto probes = std::count_if(server_->requests.begin(), server_->requests.end(), [&](const auto& r) {
             return r.method == QByteArray("GET") && r.path == probe;
         });
-        QCOMPARE(int(probes), 1);
+        QVERIFY2(probes <= 1, qPrintable(QString::number(probes)));
 
         // Every upload: the fields, and a 16 kHz mono 16-bit WAV holding exactly the audio of its segment.
         QCOMPARE(server_->uploads.size(), 2);
