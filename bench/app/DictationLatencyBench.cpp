@@ -244,12 +244,11 @@ public:
         // The moment foot's output last grew, to the millisecond, whatever the bench is doing.
         watcher_ = std::thread([this] {
             const QByteArray path = QFile::encodeName(SwaySession::terminalOutput());
-            off_t seen = 0;
             while (watching_) {
                 struct stat st {};
-                if (::stat(path.constData(), &st) == 0 && st.st_size != seen) {
-                    seen = st.st_size;
+                if (::stat(path.constData(), &st) == 0 && st.st_size != seenSize_) {
                     lastChangeUs_ = monotonicUs();
+                    seenSize_ = st.st_size;
                 }
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
@@ -281,7 +280,10 @@ public:
         if (!out.open(QIODevice::ReadOnly) || !out.seek(from_))
             return std::nullopt;
         RecordingClient::Received got;
-        got.text = QString::fromUtf8(out.readAll());
+        const QByteArray bytes = out.readAll();
+        got.text = QString::fromUtf8(bytes);
+        // The watcher may not have seen the file grow to what was just read; its time is the one wanted.
+        TestSupport::waitUntil([&] { return seenSize_ >= from_ + bytes.size(); }, 1000);
         got.lastChangeUs = lastChangeUs_;
         pause(5);
         return got;
@@ -293,6 +295,7 @@ private:
     std::thread watcher_;
     std::atomic<bool> watching_{true};
     std::atomic<qint64> lastChangeUs_{0};
+    std::atomic<qint64> seenSize_{0};  // of foot's output, when lastChangeUs_ was taken
     qint64 from_ = 0;
 };
 
