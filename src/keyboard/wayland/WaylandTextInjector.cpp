@@ -45,11 +45,14 @@ WaylandTextInjector::WaylandTextInjector(UinputFactory uinput, QObject* parent)
         pasting << QString::fromLatin1(dataControl_->protocol());
     } else {
         xwaylandClipboard_ = std::make_unique<X11Clipboard>();
-        pasting << QStringLiteral("the Xwayland clipboard (")
-                       + (connected ? QStringLiteral("the compositor offers neither ext_data_control_manager_v1 nor "
-                                                     "zwlr_data_control_manager_v1")
-                                    : connectionError)
-                       + QLatin1Char(')');
+        QString why = connectionError;
+        if (connected && !connection_->extDataControl() && !connection_->wlrDataControl())
+            why = QStringLiteral("the compositor offers neither ext_data_control_manager_v1 nor zwlr_data_control_manager_v1");
+        else if (connected && !connection_->seat())
+            why = QStringLiteral("the compositor offers a data-control protocol but no seat");
+        else if (connected)
+            why = QStringLiteral("the compositor stopped answering");
+        pasting << QStringLiteral("the Xwayland clipboard (") + why + QLatin1Char(')');
     }
     if (connected && connection_->knowsActiveWindow())
         terminals << QStringLiteral("terminals told by the active window's app id (zwlr_foreign_toplevel_manager_v1)");
