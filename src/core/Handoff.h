@@ -28,23 +28,13 @@ namespace Handoff {
 // Everything this thread did so far happens before what any thread does after received(channel).
 // A channel is any address both sides know without reading what was handed over: the receiving
 // QThread for its event queue, a pool for its jobs.
-inline void sent(const void* channel)
-{
 #ifdef TOLVANE_TSAN
-    __tsan_release(const_cast<void*>(channel));
+inline void sent(const void* channel) { __tsan_release(const_cast<void*>(channel)); }
+inline void received(const void* channel) { __tsan_acquire(const_cast<void*>(channel)); }
 #else
-    (void)channel;
+inline void sent(const void*) {}
+inline void received(const void*) {}
 #endif
-}
-
-inline void received(const void* channel)
-{
-#ifdef TOLVANE_TSAN
-    __tsan_acquire(const_cast<void*>(channel));
-#else
-    (void)channel;
-#endif
-}
 
 namespace detail {
 
