@@ -1,5 +1,7 @@
 #include "speech/Background.h"
 
+#include "core/Handoff.h"
+
 #include <QRunnable>
 
 namespace Background {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "core/Handoff.h"
-
 #include <QFuture>
 #include <QPromise>
 #include <QThreadPool>
@@ -45,8 +43,8 @@ struct Outcome<void> {
 template <typename R>
 QCoro::Task<R> result(QFuture<void> done, std::shared_ptr<Outcome<R>> outcome)
 {
-    co_await done;
-    Handoff::received(QThread::currentThread());
+    const QCoro::Task<void> finishing = finished(std::move(done));
+    co_await finishing;
     if (outcome->error)
         std::rethrow_exception(outcome->error);
     if constexpr (!std::is_void_v<R>)
