@@ -1,5 +1,5 @@
-// The tray menu and what it opens: the Settings window and its panes, the comparison and About
-// windows and the update check, driven on a real X server as a user drives them.
+// The tray menu and what it opens: the Settings window and its panes, the About window's links and
+// the update check, driven on a real X server as a user drives them.
 #include "core/Handoff.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
@@ -18,8 +18,6 @@
 #include "ui/widgets/TabPill.h"
 #include "ui/widgets/ToggleSwitch.h"
 #include "ui/windows/AboutView.h"
-#include "ui/windows/CompareView.h"
-#include "ui/windows/CompareWindowController.h"
 
 #include <QClipboard>
 #include <QComboBox>
@@ -436,31 +434,6 @@ private Q_SLOTS:
                  QStringLiteral("Read me,Licence"));
         QCOMPARE(titles(AboutView::links(QStringLiteral("https://tolvane.example.org/"), {noLicence})),
                  QStringLiteral("Tolvane home"));
-    }
-
-    void compareWindowShowsEachResultAndEmptiesWhenArmedAgain()
-    {
-        CompareWindowController compare;
-        compare.arm();
-        QWidget* window = compare.window();
-        const auto blocks = [view = window->findChild<CompareView*>()] {
-            QStringList out;
-            for (QLabel* l : {view->statusLabel(), view->body(0), view->body(1), view->body(2), view->body(3)})
-                out << l->text();
-            return out.join(u'|');
-        };
-        const QString waiting = CompareModel::instructionText() + QStringLiteral("|…|…|…|…");
-        QCOMPARE(blocks(), waiting);
-        CompareModel& model = compare.model();
-        model.setArmed(false);
-        model.setStatus(QStringLiteral("Done."));
-        model.setRaw(QStringLiteral("raw words")), model.setTidy(QStringLiteral("Raw words."));
-        model.setBullets(QStringLiteral("- raw words")), model.setSummary(QStringLiteral("Words."));
-        QCOMPARE(blocks(), QStringLiteral("Done.|raw words|Raw words.|- raw words|Words."));
-        window->close();
-        compare.arm();
-        QVERIFY(compare.window() == window && window->isVisible());
-        QCOMPARE(blocks(), waiting);
     }
 
     void outcomes_data()
