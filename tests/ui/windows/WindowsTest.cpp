@@ -1,5 +1,5 @@
-// The tray menu and what it opens: the Settings window and its panes, the comparison and About
-// windows and the update check, driven on a real X server as a user drives them.
+// The tray menu and what it opens: the Settings window and its panes, the About window's links and
+// the update check, driven on a real X server as a user drives them.
 #include "core/Handoff.h"
 #include "storage/Preferences.h"
 #include "support/FakeLlmServer.h"
@@ -16,12 +16,8 @@
 #include "ui/tray/MenuBarController.h"
 #include "ui/tray/UpdateChecker.h"
 #include "ui/widgets/TabPill.h"
-#include "ui/widgets/Theme.h"
 #include "ui/widgets/ToggleSwitch.h"
 #include "ui/windows/AboutView.h"
-#include "ui/windows/AboutWindowController.h"
-#include "ui/windows/CompareView.h"
-#include "ui/windows/CompareWindowController.h"
 
 #include <QClipboard>
 #include <QComboBox>
@@ -38,7 +34,6 @@
 #include <QSystemTrayIcon>
 #include <QThread>
 #include <QTimer>
-#include <QToolButton>
 
 #include <X11/keysym.h>
 #include <qcoro/qcorotimer.h>
@@ -223,8 +218,6 @@ private Q_SLOTS:
         QVERIFY(replacements().isEmpty() && shown(&pane, "emptySnippetsText").size() == 1);
         // Choosing the tab again re-reads what another part of Tolvane saved meanwhile.
         SnippetStore::save({Snippet{QUuid::createUuid(), QStringLiteral("t"), QStringLiteral("r")}});
-        click(pane.tabPill(SettingsView::Pane::snippets));  // already chosen: kept as it was
-        QVERIFY(shown(&pane, "snippetRow").isEmpty());
         click(pane.tabPill(SettingsView::Pane::general));
         click(pane.tabPill(SettingsView::Pane::snippets));
         QCOMPARE(shown(&pane, "snippetRow").size(), 1);
@@ -240,15 +233,10 @@ private Q_SLOTS:
         Preferences::shared().setHistoryEnabled(true);
         HistoryPane pane(services);
         pane.show();
-        const auto dates = shown<QLabel>(&pane, "historyDate");
-        QCOMPARE(dates.first()->text(), QStringLiteral("not a date"));  // newest first; unparsable as stored
-        QVERIFY(dates.last()->text().contains(QStringLiteral("2026")) && !dates.last()->text().contains(u'T'));
-        // Copy puts the text on the clipboard and moves the mark to the button clicked.
+        // Newest first; Copy puts that entry's text on the clipboard.
         for (int i : {0, 1}) {
             click(shown(&pane, "copyButton")[i]);
             QCOMPARE(clipboard(), QLatin1String(i == 0 ? "newer" : "older"));
-            const auto buttons = shown<QToolButton>(&pane, "copyButton");
-            QVERIFY(buttons[i]->text() == QLatin1String("Copied") && buttons[1 - i]->text() == QLatin1String("Copy"));
         }
         // A transcript saved meanwhile shows up only after Refresh.
         stored << entry("2026-03-15T10:00:00.000Z", "newest");
@@ -307,11 +295,15 @@ private Q_SLOTS:
         Preferences::shared().setLocaleIdentifier(QStringLiteral("xx-YY"));
         Preferences::shared().setValue(Settings::llmEndpoint, FakeLlmServer::closedEndpoint());
         FakeLlmServer server;
-        QVERIFY(server.listen());
+        FakeSpeechServer speech;
+        QVERIFY(server.listen() && speech.listen());
         server.models = {QStringLiteral("tiny-model")};
         CleanupEngine engine;
         SettingsServices services;
         services.cleanupAvailability = [&engine] { return engine.checkAvailability(); };
+        services.speechAvailability = [] {
+            return ServerSpeechEngine::checkAvailability(ServerSpeechEngine::Config::fromPreferences(QStringLiteral("en-US")));
+        };
         services.supportedLocales = []() -> QCoro::Task<QStringList> {
             QTimer timer;
             timer.start(100);
@@ -335,8 +327,7 @@ private Q_SLOTS:
         auto* languages = child<QComboBox>(&pane, "languagePicker");
         QCOMPARE(languages->count(), 1);
         QVERIFY(waitUntil([&] { return languages->count() == 3; }));
-        QCOMPARE(languages->itemText(0), QStringLiteral("xx-YY"));  // no name known: the identifier
-        // Pickers save at once and announce the change; the how-to line and the tester follow the key.
+        // Pickers save at once and announce the change; the tester follows the key.
         QSignalSpy localeChanged(&Preferences::shared(), &Preferences::localeChanged);
         QSignalSpy keyChanged(&Preferences::shared(), &Preferences::activationKeyChanged);
         for (const char* picker : {"languagePicker", "activationKeyPicker"}) {
@@ -347,12 +338,10 @@ private Q_SLOTS:
         QVERIFY(Preferences::shared().activationKey() == ActivationKey::rightOption &&
                 pane.findChild<HotkeyTester*>()->key() == ActivationKey::rightOption);
         QVERIFY(localeChanged.size() == 1 && keyChanged.size() == 1);
-        QVERIFY(child<QLabel>(&pane, "howToKeyLine")->text().contains(QStringLiteral("Right Alt")));
         // Live typing skips cleanup: the picker is off while it is on.
         for (const bool live : {true, false}) {
             click(child(&pane, "liveTypingSwitch"));
             QVERIFY(Preferences::shared().liveTyping() == live && child(&pane, "cleanupPicker")->isEnabled() == !live);
-            QCOMPARE(child<QLabel>(&pane, "cleanupCaption")->text() == CleanupModes::description(CleanupMode::bullets), !live);
         }
         // The model's status line follows the endpoint and model fields by itself.
         auto* status = child<QLabel>(&pane, "cleanupModelStatus");
@@ -360,14 +349,23 @@ private Q_SLOTS:
             return waitUntil([&] { return status->text().startsWith(QLatin1String(start)); }, 15000);
         };
         QVERIFY(says("Not available"));
-        QVERIFY2(status->text().endsWith(QStringLiteral("Cleanup keeps the raw text.")), qPrintable(status->text()));
         typeInto(child<QLineEdit>(&pane, "llmEndpointField"), server.endpoint());
         QCOMPARE(Preferences::shared().value(Settings::llmEndpoint), server.endpoint());
         QVERIFY(says("Available"));
-        QCOMPARE(status->text(), QStringLiteral("Available: tiny-model at ") + server.endpoint());
         typeInto(child<QLineEdit>(&pane, "llmModelField"), QStringLiteral("absent-model"));
         QCOMPARE(Preferences::shared().value(Settings::llmModel), QStringLiteral("absent-model"));
         QVERIFY(says("Not available"));
+        // Speech on this computer by default: no server rows. Choosing the server shows them and its status.
+        auto* field = child<QLineEdit>(&pane, "speechEndpointField");
+        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::pocketsphinx && !field->isVisible());
+        child(&pane, "speechEnginePicker")->setFocus();
+        QTest::keyClick(child(&pane, "speechEnginePicker"), Qt::Key_Down);
+        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::server && field->isVisible());
+        status = child<QLabel>(&pane, "speechServerStatus");
+        QVERIFY(says("Not available: No server address is set"));
+        typeInto(field, speech.whisperEndpoint());
+        QCOMPARE(Preferences::shared().value(Settings::speechEndpoint), speech.whisperEndpoint());
+        QVERIFY(waitUntil([&] { return status->text() == "Available: whisper.cpp's model at " + speech.whisperEndpoint(); }));
         // Start at login shows the real state: with a file where the autostart folder should be,
         // registering fails and the switch stays off.
         const QString folder = QFileInfo(Preferences::autostartFilePath()).absolutePath();
@@ -384,32 +382,6 @@ private Q_SLOTS:
         click(atLogin);
         QVERIFY(!Preferences::shared().startAtLogin());
     }
-    void languageSectionChoosesTheSpeechServerAndSaysWhetherItAnswers()
-    {
-        FakeSpeechServer server;
-        QVERIFY(server.listen());
-        SettingsServices services;
-        services.speechAvailability = [] {
-            return ServerSpeechEngine::checkAvailability(ServerSpeechEngine::Config::fromPreferences(QStringLiteral("en-US")));
-        };
-        GeneralPane pane({}, services);
-        pane.show();
-        // On this computer by default: no server rows.
-        auto* field = child<QLineEdit>(&pane, "speechEndpointField");
-        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::pocketsphinx && !field->isVisible());
-        child(&pane, "speechEnginePicker")->setFocus();
-        QTest::keyClick(child(&pane, "speechEnginePicker"), Qt::Key_Down);
-        QVERIFY(Preferences::shared().speechEngine() == SpeechEngineKind::server && field->isVisible());
-        auto* status = child<QLabel>(&pane, "speechServerStatus");
-        QVERIFY(waitUntil([&] { return status->text().startsWith(QLatin1String("Not available: No server address is set")); }));
-        QVERIFY2(status->text().endsWith(QStringLiteral("Dictation uses this computer's recognizer.")), qPrintable(status->text()));
-        typeInto(field, server.whisperEndpoint());
-        QCOMPARE(Preferences::shared().value(Settings::speechEndpoint), server.whisperEndpoint());
-        QVERIFY(waitUntil([&] { return status->text() == "Available: whisper.cpp's model at " + server.whisperEndpoint(); }));
-        typeInto(field, QStringLiteral("http://192.0.2.7/v1"));
-        QVERIFY(waitUntil([&] { return status->text().contains(QLatin1String("is not on this computer, and sending audio")); }));
-    }
-
     void settingsWindowKeepsItsTabHidesWhenLeftAndStaysAcrossTheTaskbarSwitch()
     {
         SettingsWindowController controller;
@@ -445,24 +417,12 @@ private Q_SLOTS:
         }
     }
 
-    void aboutAndCompareWindowsAreBuiltOnce()
+    void aboutLinksOnlyToWhatExists()
     {
-        // Built with the taskbar icon off, the About window stays out of the taskbar.
-        Preferences::shared().setShowDockIcon(false);
-        AboutWindowController about;
-        about.show();
-        QWidget* window = about.window();
-        QVERIFY(waitUntil([&] { return outOfTheTaskbar(window) == QList<bool>(3, true); }));
-        Preferences::shared().setShowDockIcon(true);
-        QVERIFY(!AboutView::openAddress(QStringLiteral("not a url")));
-        // No link leads nowhere: documents only from a folder holding both, a home page only when set.
-        QVERIFY(!window->findChild<QWidget*>(QStringLiteral("homeLink")));
+        // Documents only from a folder holding both, a home page only when set.
         const QString docs = QDir::tempPath() + QStringLiteral("/doc");
-        QDir().mkpath(docs);
-        for (const char* name : {"README.md", "copyright"}) {
-            QFile file(docs + QLatin1Char('/') + QLatin1String(name));
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        }
+        for (const char* name : {"README.md", "copyright"})
+            QVERIFY(TestSupport::writeFile(docs + QLatin1Char('/') + QLatin1String(name), {}));
         const auto titles = [](const QList<AboutView::Link>& links) {
             QStringList t;
             for (const AboutView::Link& link : links)
@@ -474,34 +434,6 @@ private Q_SLOTS:
                  QStringLiteral("Read me,Licence"));
         QCOMPARE(titles(AboutView::links(QStringLiteral("https://tolvane.example.org/"), {noLicence})),
                  QStringLiteral("Tolvane home"));
-        QVERIFY(!AboutView::isOpenableAddress(QUrl::fromLocalFile(docs + QStringLiteral("/LICENSE")).toString()));
-        window->close();
-        about.show();
-        QVERIFY(about.window() == window && window->isVisible());
-        // Comparison: armed, it waits on top; results fill it; armed again, the same window waits empty.
-        CompareWindowController compare;
-        compare.arm();
-        window = compare.window();
-        QVERIFY(window->isVisible() && window->windowFlags().testFlag(Qt::WindowStaysOnTopHint));
-        // The window as the user reads it: the status line, then the four blocks; dim text in brackets.
-        const auto blocks = [view = window->findChild<CompareView*>()] {
-            QStringList out;
-            for (QLabel* l : {view->statusLabel(), view->body(0), view->body(1), view->body(2), view->body(3)})
-                out << (l->palette().color(QPalette::WindowText) == Theme::secondaryText() ? u'[' + l->text() + u']' : l->text());
-            return out.join(u'|');
-        };
-        const QString waiting = CompareModel::instructionText() + QStringLiteral("|[…]|[…]|[…]|[…]");
-        QCOMPARE(blocks(), waiting);
-        CompareModel& model = compare.model();
-        model.setArmed(false);
-        model.setStatus(QStringLiteral("Done."));
-        model.setRaw(QStringLiteral("raw words")), model.setTidy(QStringLiteral("Raw words."));
-        model.setBullets(QStringLiteral("- raw words")), model.setSummary(QStringLiteral("Words."));
-        QCOMPARE(blocks(), QStringLiteral("[Done.]|raw words|Raw words.|- raw words|Words."));
-        window->close();
-        compare.arm();
-        QVERIFY(compare.window() == window && window->isVisible());
-        QCOMPARE(blocks(), waiting);
     }
 
     void outcomes_data()
@@ -539,7 +471,6 @@ private Q_SLOTS:
         row("JSON without a version", "1.0.5", feedFile("{\"name\": \"Tolvane\"}"), Outcome::unreadable, "version");
         row("items without versions", "1.0.5", feedFile("<rss><channel><item><title>soon</title></item>"), Outcome::unreadable, "");
         row("a web page", "1.0.5", feedFile("<html><body>Moved</body></html>"), Outcome::unreadable, "names no version");
-        row("prose", "1.0.5", feedFile("hello there"), Outcome::unreadable, "names no version");
         // Feeds that cannot be reached, or none at all.
         row("missing page", "1.0.5", server.endpoint() + QStringLiteral("/feed"), Outcome::unreachable, "answered 404");
         row("nobody listens", "1.0.5", FakeLlmServer::closedEndpoint(), Outcome::unreachable, "could not reach");
@@ -568,41 +499,17 @@ private Q_SLOTS:
         checker.checkAndReport();  // a second click while checking starts nothing new
         QVERIFY(waitUntil([&] { return checker.reportBox() && checker.reportBox()->isVisible(); }));
         QVERIFY(checker.reportBox()->text().contains(QStringLiteral("names no version")));
-        QCOMPARE(checker.reportBox()->icon(), QMessageBox::Warning);
         QVERIFY(server.requests.size() == 1 && !waitUntil([&] { return server.requests.size() > 1; }, 50));
     }
 
-    void iconIsThreeGreenBars()
+    void longTranscriptTitlesAreCutBetweenCharacters()
     {
-        // Across its middle at four pixels per point: three brand-green bars, 3 points wide, 2.5 apart, centred.
-        const QImage image = MenuBarController::iconImage(bar.restingHeights(), brandGreen(), 4);
-        QString middleRow;
-        for (int x = 0; x < image.width(); ++x)
-            middleRow += image.pixelColor(x, 32).rgba() == brandGreen().rgba() ? u'#' : image.pixelColor(x, 32).alpha() ? u'?' : u'.';
-        const QString bar12(12, u'#'), gap10(10, u'.'), edge8(8, u'.');
-        QCOMPARE(middleRow, edge8 + bar12 + gap10 + bar12 + gap10 + bar12 + edge8);
-        bar.setAmplitude(3), bar.stopAnimating();
-        QCOMPARE(bar.amplitude(), 0.0);
-    }
-
-    void titles_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("title");
         // "é" as e + combining accent is one character to a reader; so is a family emoji of seven code points.
-        QString graphemes;
+        QString sixty;
         for (int i = 0; i < 30; ++i)
-            graphemes += QStringLiteral("e\u0301\U0001F468\u200D\U0001F469\u200D\U0001F467");
-        QTest::newRow("empty") << QString() << QString();
-        QTest::newRow("line breaks") << QStringLiteral("a\n\nb") << QStringLiteral("a  b");
-        QTest::newRow("sixty graphemes") << graphemes << graphemes;
-        QTest::newRow("sixty-one graphemes") << graphemes + QStringLiteral("e\u0301") << graphemes + QStringLiteral("…");
-    }
-    void titles()
-    {
-        QFETCH(QString, text);
-        QFETCH(QString, title);
-        QCOMPARE(MenuBarController::menuTitle(text), title);
+            sixty += QStringLiteral("e\u0301\U0001F468\u200D\U0001F469\u200D\U0001F467");
+        QCOMPARE(MenuBarController::menuTitle(sixty), sixty);
+        QCOMPARE(MenuBarController::menuTitle(sixty + QStringLiteral("e\u0301")), sixty + QStringLiteral("…"));
     }
 
     void recentTranscriptsNewestFirstAndCopiedOnClick()
@@ -631,8 +538,6 @@ private Q_SLOTS:
         QVERIFY(open(bar.menu()));
         QCOMPARE(bar.recentMenu()->actions().at(2)->text(), QStringLiteral("newest"));
         bar.menu()->close();
-        bar.copyTranscript(nullptr), bar.copyTranscript(bar.menu()->actions().first());  // no transcript: nothing copied
-        QCOMPARE(clipboard(), QStringLiteral("line one\nline two & more"));
         TranscriptStore::shared().waitForWrites();
     }
 
