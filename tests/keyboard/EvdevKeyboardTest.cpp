@@ -80,6 +80,8 @@ private Q_SLOTS:
                                                              << u"+100| -100| "_s + tap + u" +100| +42| -42| -100| -56|"_s;
         QTest::newRow("Right Alt as the key") << true << u"@rightOption 1+56 1-56 1+100 1-100"_s << u"down up"_s
                                               << u"+56| -56| +100| +240| -240| -100|"_s;
+        QTest::newRow("activation key changed while held") << true << u"1+56 @rightOption 1-56 1+100 1-100"_s << u"down up"_s
+                                                           << tap + u" -56| +100| -100|"_s;
         QTest::newRow("chord from a second keyboard") << true << u"1+56 2+57 2-57 1-56"_s << u"down chord up"_s << tap + u" -56|"_s;
         QTest::newRow("key held on both: the last release counts") << true << u"1+56 2+56 1-56 2-56"_s << u"down up"_s
                                                                    << tap + u" -56|"_s;

@@ -1,7 +1,6 @@
 // The keyboard's decisions without a display, and what happens with no X server at all.
 #include "keyboard/ClipboardContent.h"
 #include "keyboard/ClipboardRestore.h"
-#include "keyboard/KeyClassifier.h"
 #include "keyboard/SyntheticKeyLog.h"
 #include "keyboard/TypingPlan.h"
 #include "keyboard/x11/HotkeyManager.h"
@@ -16,36 +15,6 @@ using namespace Qt::StringLiterals;
 class KeyboardLogicTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    // "@N" makes keycode N the activation key, "+N"/"-N" press/release keycode N. The X test sees these
-    // commands from real keys; auto-repeat and odd orders are only possible here.
-    void keyCommands_data()
-    {
-        QTest::addColumn<QString>("events");
-        QTest::addColumn<QString>("commands");
-        QTest::newRow("hold, auto-repeat, chord per Space, Esc, other keys")
-            << u"@64 +65 +64 +64 +65 +65 -65 +9 +38 +38 +36 -64 -64 +9"_s << u"key down - chord chord - esc key key key up - esc"_s;
-        QTest::newRow("Fn has no keycode, not even 0") << u"@0 +0 -0"_s << u"key -"_s;
-        QTest::newRow("activation key changed while held") << u"@64 +64 @108 -64 -108"_s << u"down - up"_s;
-    }
-    void keyCommands()
-    {
-        QFETCH(QString, events);
-        QFETCH(QString, commands);
-        static const QList<unsigned> modifiers{37, 50, 62, 64, 105, 108, 133, 134};
-        static const char* const names[] = {"-", "down", "up", "chord", "esc", "key"};
-        KeyClassifier c;
-        unsigned activation = 0;
-        QStringList got;
-        for (const QString& e : events.split(u' ')) {
-            const unsigned kc = e.mid(1).toUInt();
-            if (e.startsWith(u'@'))
-                activation = kc;
-            else
-                got << QString::fromLatin1(names[int(c.handle(e.startsWith(u'+'), kc, activation, modifiers.contains(kc)))]);
-        }
-        QCOMPARE(got.join(u' '), commands);
-    }
-
     // Spare keycodes have no symbols and are no modifier; the last is kept for the monitor's neutral
     // tap. The typing plan over them is seen in the X test (more characters the layout lacks than
     // there are spare keycodes, on a slow client).

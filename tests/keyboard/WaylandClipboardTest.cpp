@@ -48,7 +48,7 @@ class WaylandClipboardTest : public QObject {
     // Every type of `content` is on the clipboard, byte for byte, and nothing else.
     bool holds(const FakeCompositor::Content& content)
     {
-        QList<QByteArray> types, held = compositor_->selectionTypes();
+        QList<QByteArray> types, held = compositor_->selection().types;
         for (const auto& [type, bytes] : content) {
             types << type;
             if (const auto pasted = compositor_->paste(type); pasted != bytes)
@@ -62,8 +62,8 @@ class WaylandClipboardTest : public QObject {
     bool restored(const QString& protocol)
     {
         return TestSupport::waitUntil([&] {
-            return compositor_->selectionOwner() == protocol
-                   && !compositor_->selectionTypes().contains(ClipboardContent::transientHintType);
+            const auto held = compositor_->selection();
+            return held.owner == protocol && !held.types.contains(ClipboardContent::transientHintType);
         });
     }
 
@@ -104,16 +104,16 @@ private Q_SLOTS:
         QCOMPARE(QString::fromLatin1(clipboard_->protocol()), used);
         for (int paste = 1; paste <= 4; ++paste) {
             QVERIFY(clipboard_->setForPaste(dictation, std::nullopt));
-            QCOMPARE(compositor_->selectionOwner(), used);
-            QVERIFY(compositor_->selectionTypes().contains(ClipboardContent::transientHintType));
+            QCOMPARE(compositor_->selection().owner, used);
+            QVERIFY(compositor_->selection().types.contains(ClipboardContent::transientHintType));
             clipboard_->keystrokeSent();
             if (paste == 3) {
                 compositor_->copy(meanwhile);
-                const int changes = compositor_->selectionChanges();
+                const int changes = compositor_->selection().changes;
                 // Past the longest a restore waits for the application to ask.
                 QTest::qWait(static_cast<int>(ClipboardRestore::noRequestLimit.count()) + 500);
-                QCOMPARE(compositor_->selectionChanges(), changes);
-                QCOMPARE(compositor_->selectionOwner(), u"compositor"_s);
+                QCOMPARE(compositor_->selection().changes, changes);
+                QCOMPARE(compositor_->selection().owner, u"compositor"_s);
                 QVERIFY(holds(meanwhile));
                 continue;
             }
@@ -133,8 +133,8 @@ private Q_SLOTS:
         QVERIFY(clipboard_->setForPaste(dictation, std::nullopt));
         clipboard_->keystrokeSent();
         QCOMPARE(compositor_->paste(utf8Text), dictation.toUtf8());
-        QVERIFY(TestSupport::waitUntil([&] { return compositor_->selectionOwner().isEmpty(); }));
-        QCOMPARE(compositor_->selectionChanges(), 2);
+        QVERIFY(TestSupport::waitUntil([&] { return compositor_->selection().owner.isEmpty(); }));
+        QCOMPARE(compositor_->selection().changes, 2);
     }
 
     // The start-up log line names the protocol in use; with neither offered the injector pastes

@@ -235,22 +235,11 @@ void FakeCompositor::copy(const Content& content)
     impl_->setSelection(Impl::Selection{QStringLiteral("compositor"), types, nullptr, content});
 }
 
-QList<QByteArray> FakeCompositor::selectionTypes()
+FakeCompositor::SelectionState FakeCompositor::selection()
 {
     const std::lock_guard lock(impl_->mutex);
-    return impl_->selection ? impl_->selection->types : QList<QByteArray>();
-}
-
-QString FakeCompositor::selectionOwner()
-{
-    const std::lock_guard lock(impl_->mutex);
-    return impl_->selection ? impl_->selection->owner : QString();
-}
-
-int FakeCompositor::selectionChanges()
-{
-    const std::lock_guard lock(impl_->mutex);
-    return impl_->changes;
+    const auto& s = impl_->selection;
+    return {s ? s->owner : QString(), s ? s->types : QList<QByteArray>(), impl_->changes};
 }
 
 std::optional<QByteArray> FakeCompositor::paste(const QByteArray& mimeType)

@@ -30,12 +30,14 @@ public:
 
     // Another application copies: the compositor itself serves `content`.
     void copy(const Content& content);
-    // The selection's MIME types, and its owner: the manager interface of the client that set it,
-    // "compositor" for copy(), empty when there is none.
-    QList<QByteArray> selectionTypes();
-    QString selectionOwner();
-    // How often the selection has changed hands.
-    int selectionChanges();
+    // The selection's owner (the manager interface of the client that set it, "compositor" for copy(),
+    // empty when there is none), its MIME types, and how often it has changed hands.
+    struct SelectionState {
+        QString owner;
+        QList<QByteArray> types;
+        int changes = 0;
+    };
+    SelectionState selection();
     // Pastes `mimeType` as an application does, running the event loop while the owner answers;
     // nothing when there is no selection or the owner did not close the pipe in time.
     std::optional<QByteArray> paste(const QByteArray& mimeType);
